@@ -1,0 +1,52 @@
+# tov_add_unit_tests(TARGET [NAME id] [FILTER gtest-filter] [SIM_OPTIONS opt...])
+#
+# Registers the GoogleTest cases of TARGET (those FILTER selects, all by default) with CTest, each
+# run by sim/tovsim in a fresh simulated unit with the given tovsim options. Several calls on one
+# target, each with its own NAME, give different units to different cases. The cases are listed
+# after each build, so adding a TEST() needs no change here.
+set(TOVSIM "${PROJECT_SOURCE_DIR}/sim/tovsim")
+set(_TOV_LIST_SCRIPT "${CMAKE_CURRENT_LIST_DIR}/TovListUnitTests.cmake")
+
+function(tov_add_unit_tests target)
+  cmake_parse_arguments(ARG "" "NAME;FILTER" "SIM_OPTIONS" ${ARGN})
+  if(NOT ARG_NAME)
+    set(ARG_NAME all)
+  endif()
+  if(NOT ARG_FILTER)
+    set(ARG_FILTER "*")
+  endif()
+  set(list_file "${CMAKE_CURRENT_BINARY_DIR}/${target}_${ARG_NAME}_unit_tests.cmake")
+  set(include_file "${CMAKE_CURRENT_BINARY_DIR}/${target}_${ARG_NAME}_unit_include.cmake")
+  set(sim_args "")
+  foreach(option IN LISTS ARG_SIM_OPTIONS)
+    string(APPEND sim_args " [==[${option}]==]")
+  endforeach()
+  add_custom_command(TARGET ${target} POST_BUILD
+    COMMAND "${CMAKE_COMMAND}"
+            "-DTEST_BINARY=$<TARGET_FILE:${target}>"
+            "-DTOVSIM=${TOVSIM}"
+            "-DSIM_ARGS=${sim_args}"
+            "-DFILTER=${ARG_FILTER}"
+            "-DOUTPUT=${list_file}"
+            -P "${_TOV_LIST_SCRIPT}"
+    BYPRODUCTS "${list_file}"
+    VERBATIM)
+  file(WRITE "${include_file}"
+    "if(EXISTS \"${list_file}\")\n"
+    "  include(\"${list_file}\")\n"
+    "else()\n"
+    "  add_test(${target}_${ARG_NAME}_NOT_BUILT ${target}_NOT_BUILT)\n"
+    "endif()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${include_file}")
+endfunction()
+
+# tov_add_faketime_test(TARGET FILTER "YYYY-MM-DD hh:mm:ss")
+#
+# Runs the cases of TARGET that FILTER selects under libfaketime, with the clock starting at the
+# given UTC time and running at normal speed.
+find_program(FAKETIME faketime REQUIRED)
+function(tov_add_faketime_test target filter start)
+  add_test(NAME "${target}:${filter}"
+    COMMAND "${FAKETIME}" -f "@${start}" $<TARGET_FILE:${target}> "--gtest_filter=${filter}")
+  set_tests_properties("${target}:${filter}" PROPERTIES ENVIRONMENT "TZ=UTC" LABELS faketime)
+endfunction()
