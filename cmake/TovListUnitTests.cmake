@@ -22,7 +22,8 @@ foreach(line IN LISTS lines)
     set(test "${suite}${name}")
     string(APPEND content
       "add_test(\"${test}\" \"${TOVSIM}\" exec${SIM_ARGS} -- \"${TEST_BINARY}\" \"--gtest_filter=${test}\")\n"
-      "set_tests_properties(\"${test}\" PROPERTIES LABELS unit)\n")
+      "set_tests_properties(\"${test}\" PROPERTIES LABELS unit\n"
+      "  ENVIRONMENT \"TOVSIM_BIN_DIR=${TOVSIM_BIN_DIR}\")\n")
   endif()
 endforeach()
 file(WRITE "${OUTPUT}" "${content}")

@@ -3,7 +3,8 @@
 # Registers the GoogleTest cases of TARGET (those FILTER selects, all by default) with CTest, each
 # run by sim/tovsim in a fresh simulated unit with the given tovsim options. Several calls on one
 # target, each with its own NAME, give different units to different cases. The cases are listed
-# after each build, so adding a TEST() needs no change here.
+# after each build, so adding a TEST() needs no change here. The units take their helper programs
+# (emulators) from this build's sim/ folder, through TOVSIM_BIN_DIR.
 set(TOVSIM "${PROJECT_SOURCE_DIR}/sim/tovsim")
 set(_TOV_LIST_SCRIPT "${CMAKE_CURRENT_LIST_DIR}/TovListUnitTests.cmake")
 
@@ -25,6 +26,7 @@ function(tov_add_unit_tests target)
     COMMAND "${CMAKE_COMMAND}"
             "-DTEST_BINARY=$<TARGET_FILE:${target}>"
             "-DTOVSIM=${TOVSIM}"
+            "-DTOVSIM_BIN_DIR=${CMAKE_BINARY_DIR}/sim"
             "-DSIM_ARGS=${sim_args}"
             "-DFILTER=${ARG_FILTER}"
             "-DOUTPUT=${list_file}"
