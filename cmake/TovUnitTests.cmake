@@ -1,21 +1,33 @@
-# tov_add_unit_tests(TARGET [NAME id] [FILTER gtest-filter] [SIM_OPTIONS opt...])
+# tov_add_unit_tests(TARGET [QTEST] [NAME id] [FILTER filter] [SIM_OPTIONS opt...]
+#                    [ENVIRONMENT VAR=value...])
 #
-# Registers the GoogleTest cases of TARGET (those FILTER selects, all by default) with CTest, each
-# run by sim/tovsim in a fresh simulated unit with the given tovsim options. Several calls on one
-# target, each with its own NAME, give different units to different cases. The cases are listed
+# Registers the test cases of TARGET (those FILTER selects, all by default) with CTest, each run by
+# sim/tovsim in a fresh simulated unit with the given tovsim options. TARGET is a GoogleTest binary
+# (FILTER is a gtest filter), or with QTEST a Qt Test binary (FILTER is a regular expression on the
+# test function names). Several calls on one target, each with its own NAME, give different units
+# to different cases. The cases are listed
 # after each build, so adding a TEST() needs no change here. The units take their helper programs
 # (emulators) from this build's sim/ folder, through TOVSIM_BIN_DIR.
 set(TOVSIM "${PROJECT_SOURCE_DIR}/sim/tovsim")
 set(_TOV_LIST_SCRIPT "${CMAKE_CURRENT_LIST_DIR}/TovListUnitTests.cmake")
 
 function(tov_add_unit_tests target)
-  cmake_parse_arguments(ARG "" "NAME;FILTER" "SIM_OPTIONS" ${ARGN})
+  cmake_parse_arguments(ARG "QTEST" "NAME;FILTER" "SIM_OPTIONS;ENVIRONMENT" ${ARGN})
   if(NOT ARG_NAME)
     set(ARG_NAME all)
   endif()
-  if(NOT ARG_FILTER)
-    set(ARG_FILTER "*")
+  if(ARG_QTEST)
+    set(kind qtest)
+    if(NOT ARG_FILTER)
+      set(ARG_FILTER ".*")
+    endif()
+  else()
+    set(kind gtest)
+    if(NOT ARG_FILTER)
+      set(ARG_FILTER "*")
+    endif()
   endif()
+  set(environment "TOVSIM_BIN_DIR=${CMAKE_BINARY_DIR}/sim" ${ARG_ENVIRONMENT})
   set(list_file "${CMAKE_CURRENT_BINARY_DIR}/${target}_${ARG_NAME}_unit_tests.cmake")
   set(include_file "${CMAKE_CURRENT_BINARY_DIR}/${target}_${ARG_NAME}_unit_include.cmake")
   set(sim_args "")
@@ -26,7 +38,8 @@ function(tov_add_unit_tests target)
     COMMAND "${CMAKE_COMMAND}"
             "-DTEST_BINARY=$<TARGET_FILE:${target}>"
             "-DTOVSIM=${TOVSIM}"
-            "-DTOVSIM_BIN_DIR=${CMAKE_BINARY_DIR}/sim"
+            "-DKIND=${kind}"
+            "-DENVIRONMENT=${environment}"
             "-DSIM_ARGS=${sim_args}"
             "-DFILTER=${ARG_FILTER}"
             "-DOUTPUT=${list_file}"

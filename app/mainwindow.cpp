@@ -1,0 +1,179 @@
+#include "app/mainwindow.h"
+
+#include "app/fresultdisplay.h"
+#include "autotest/cautotestthread.h"
+#include "ui_mainwindow.h"
+#include "utils/fileops.h"
+#include "utils/systemops.h"
+
+#include <QMessageBox>
+#include <QPushButton>
+#include <QShowEvent>
+#include <QStackedWidget>
+#include <QTimer>
+
+#include <cstdlib>
+
+const char* const TOV_PHASE_FILE = "/home/TOV/tov_test.cfg";
+
+namespace {
+const int kLastPhase = 3;
+const int kRebootDelayMs = 5000;
+const int kResetRebootDelayMs = 2000;
+} // namespace
+
+MainWindow::MainWindow(QWidget* parent)
+    : QMainWindow(parent)
+    , ui(new Ui::MainWindow)
+{
+    ui->setupUi(this);
+    setWindowFlags(Qt::Window | Qt::FramelessWindowHint | Qt::WindowTitleHint);
+
+    readPhaseFile();
+
+    ui->pB_reboot->hide();
+    connect(ui->pB_reboot, &QPushButton::clicked, this, &MainWindow::OnRebootTov);
+    ui->pB_resetBench->hide();
+    connect(ui->pB_resetBench, &QPushButton::clicked, this, &MainWindow::OnResetBenchMark);
+    connect(this, &MainWindow::sigOnStartTest, this, &MainWindow::OnStartTest);
+    connect(this, &MainWindow::sigRebootTov, this, &MainWindow::OnRebootTov);
+
+    m_stack = new QStackedWidget(this);
+    connect(m_stack, &QStackedWidget::currentChanged, this, &MainWindow::OnStackIndexChanged);
+    ui->verticalLayout_widget->addWidget(m_stack);
+
+    m_resultDisplay = new fResultDisplay(m_stack);
+    connect(this, &MainWindow::sigDisplayResult, m_resultDisplay, &fResultDisplay::OnResultDisplay,
+            Qt::QueuedConnection);
+    m_stack->addWidget(m_resultDisplay);
+
+    // The network can be edited only before the first phase: later phases have no form.
+    if (m_phase == 0) {
+        m_networkForm = new QWidget(m_stack);
+        m_networkForm->setObjectName(QStringLiteral("fNetworkConf"));
+        m_stack->addWidget(m_networkForm);
+    }
+}
+
+MainWindow::~MainWindow()
+{
+    delete ui;
+}
+
+void MainWindow::readPhaseFile()
+{
+    // readFile_LinesNum always hands back as many entries as asked, so the three-line rule is
+    // checked on the whole file. Any other file, or a phase the bench never writes, counts as no
+    // file at all: the bench starts again from its first phase.
+    if (readFile_All(TOV_PHASE_FILE, m_cfgLines) && m_cfgLines.size() == 3) {
+        const long phase = strtol(m_cfgLines[0].c_str(), nullptr, 10);
+        if (phase >= 0 && phase < kLastPhase) {
+            m_phase = static_cast<int>(phase);
+            m_restoreChoice = static_cast<int>(strtol(m_cfgLines[1].c_str(), nullptr, 10));
+            m_serverAddress = QString::fromLocal8Bit(m_cfgLines[2].c_str());
+        }
+    }
+    m_cfgLines.clear();
+}
+
+void MainWindow::writePhaseFile()
+{
+    const QString text = QStringLiteral("%1\n%2\n%3\n").arg(m_phase).arg(m_restoreChoice).arg(m_serverAddress);
+    writeToFile(TOV_PHASE_FILE, text.toLocal8Bit().toStdString(), false, false);
+}
+
+void MainWindow::showEvent(QShowEvent* event)
+{
+    QMainWindow::showEvent(event);
+    if (m_phase != 0) {
+        // After a reboot into phase 2 or 3 the test starts at once, with no operator.
+        ui->pB_resetBench->show();
+        m_stack->setCurrentWidget(m_resultDisplay);
+        OnDisplayResult(tr("Démarrage des Tests du TOV..."));
+        emit sigOnStartTest();
+    } else if (m_networkForm != nullptr) {
+        m_stack->setCurrentWidget(m_networkForm);
+    }
+}
+
+void MainWindow::OnStackIndexChanged(int /*aIndex*/)
+{
+}
+
+void MainWindow::OnDisplayResult(QString text)
+{
+    if (m_resultDisplay != nullptr)
+        m_resultDisplay->OnResultDisplay(text);
+}
+
+void MainWindow::OnStartTest()
+{
+    m_resultDisplay->OnDisplayClear();
+    m_stack->setCurrentWidget(m_resultDisplay);
+    m_resultDisplay->show();
+
+    if (m_thread != nullptr) {
+        m_thread->exit(0);
+        // Deleting a thread that still runs would abort the bench: wait for its sequence to end.
+        m_thread->wait();
+        delete m_thread;
+        m_thread = nullptr;
+    }
+    m_thread = new cAutoTestThread();
+    m_thread->setServerAddress(m_serverAddress.toLocal8Bit().toStdString());
+    connect(m_thread, &cAutoTestThread::sig_ThreadEnd, this, &MainWindow::On_ThreadEnd);
+    connect(m_thread, &cAutoTestThread::sig_ThreadUpdText, this, &MainWindow::OnDisplayResult);
+    connect(this, &MainWindow::sigResetBenchmark, m_thread, &cAutoTestThread::OnResetState);
+    m_thread->start(QThread::InheritPriority);
+}
+
+void MainWindow::On_ThreadEnd(int _status)
+{
+    if (_status > 0 && m_networkForm == nullptr) {
+        // The same phase runs again once the operator has corrected the fault and rebooted.
+        emit sigDisplayResult(tr("ERREUR Détéctés(s), veuillez vérifier/corriger puis Redémarrer"));
+        ui->pB_reboot->setText(tr("ERREUR Détéctés(s) - Redémarrage TOV"));
+        ui->pB_reboot->show();
+        ui->pB_resetBench->show();
+        return;
+    }
+    if (_status > 0) {
+        m_stack->setCurrentWidget(m_networkForm);
+        return;
+    }
+    ++m_phase;
+    if (m_phase == kLastPhase) {
+        OnEndBenchMark();
+        return;
+    }
+    writePhaseFile();
+    emit sigDisplayResult(tr("Test TOV %1/3 términé, redémarrage TOV... dans 5 secondes").arg(m_phase));
+    QTimer::singleShot(kRebootDelayMs, this, &MainWindow::OnRebootTov);
+}
+
+void MainWindow::OnRebootTov()
+{
+    systemCommand("/sbin/reboot");
+}
+
+void MainWindow::OnResetBenchMark()
+{
+    QMessageBox box(QMessageBox::Warning, tr("ATTENTION RESET BENCHMARK"),
+                    tr("Lancer le RESET ?!\nveuillez cliquer sur OK pour confirmer le RESET!"),
+                    QMessageBox::Yes | QMessageBox::No);
+    const int answer = box.exec();
+    if (answer == QMessageBox::Yes && tovFileExist(TOV_PHASE_FILE)) {
+        emit sigResetBenchmark(true);
+        emit sigDisplayResult(tr("RESET BENCHMARK, redémarrage du BENCHMARK en mode USINE..."));
+        tovFileDelete(TOV_PHASE_FILE);
+        QTimer::singleShot(kResetRebootDelayMs, this, &MainWindow::OnRebootTov);
+    }
+}
+
+void MainWindow::OnEndBenchMark()
+{
+    modifyTOVstarterFile("TOV_BIN_NAME=tov_test", "TOV_BIN_NAME=tovQT");
+    tovFileDelete(TOV_PHASE_FILE);
+    emit sigDisplayResult(tr("Test TOV términé, le prochain redémarrage lancera l'application TOV"));
+    QTimer::singleShot(kRebootDelayMs, this, &MainWindow::OnRebootTov);
+}
