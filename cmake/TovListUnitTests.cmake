@@ -2,7 +2,7 @@
 # writes one CTest entry per case to OUTPUT, each wrapped in "tovsim exec SIM_ARGS --" (SIM_ARGS:
 # bracket-quoted options), with ENVIRONMENT (a list of VAR=value).
 if(KIND STREQUAL "qtest")
-  execute_process(COMMAND "${TEST_BINARY}" -functions
+  execute_process(COMMAND "${CMAKE_COMMAND}" -E env QT_QPA_PLATFORM=offscreen "${TEST_BINARY}" -functions
     OUTPUT_VARIABLE listing RESULT_VARIABLE status)
 else()
   execute_process(COMMAND "${TEST_BINARY}" --gtest_list_tests "--gtest_filter=${FILTER}"
@@ -13,7 +13,6 @@ if(NOT status EQUAL 0)
 endif()
 
 get_filename_component(binary_name "${TEST_BINARY}" NAME)
-string(REPLACE ";" "\\;" environment "${ENVIRONMENT}")
 string(REPLACE "\n" ";" lines "${listing}")
 set(content "")
 set(suite "")
@@ -22,7 +21,7 @@ macro(add_case name)
   string(APPEND content
     "add_test(\"${name}\" \"${TOVSIM}\" exec${SIM_ARGS} -- \"${TEST_BINARY}\" ${ARGN})\n"
     "set_tests_properties(\"${name}\" PROPERTIES LABELS unit\n"
-    "  ENVIRONMENT \"${environment}\")\n")
+    "  ENVIRONMENT \"${ENVIRONMENT}\")\n")
 endmacro()
 
 foreach(line IN LISTS lines)

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -57,6 +58,16 @@ mode_t fileMode(const std::string& path)
 std::string unitJournal()
 {
     return readText("/run/tovsim/journal");
+}
+
+bool insideUnit(const char* program)
+{
+    if (access("/run/tovsim/unit", F_OK) == 0)
+        return true;
+    fprintf(stderr, "These tests write the unit's fixed paths: run them through "
+                    "\"sim/tovsim exec -- %s\", never on this machine directly.\n",
+            program);
+    return false;
 }
 
 } // namespace tovtest

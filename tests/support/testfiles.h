@@ -28,6 +28,9 @@ void writeText(const std::string& path, const std::string& text);
 mode_t fileMode(const std::string& path);
 // The journal of the faked system commands inside a simulated unit.
 std::string unitJournal();
+// True inside a simulated unit. Binaries whose cases write the unit's fixed paths refuse to run
+// anywhere else; this prints why.
+bool insideUnit(const char* program);
 
 } // namespace tovtest
 

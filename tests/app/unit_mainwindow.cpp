@@ -1,0 +1,269 @@
+// The main window in a simulated unit: the phase file decides what shows and what runs, the end of
+// a run writes the next phase and reboots. The units run at ten times clock speed (see
+// CMakeLists.txt): the five-second reboot delay takes half a second.
+#include "app/fresultdisplay.h"
+#include "app/mainwindow.h"
+
+#include "testfiles.h"
+
+#include <QApplication>
+#include <QLabel>
+#include <QLayout>
+#include <QListWidget>
+#include <QPushButton>
+#include <QRegularExpression>
+#include <QStackedWidget>
+#include <QtTest>
+
+#include <unistd.h>
+
+using tovtest::readText;
+using tovtest::unitJournal;
+using tovtest::writeText;
+
+namespace {
+
+const char* const kPhaseFile = "/home/TOV/tov_test.cfg";
+
+QStringList panelLines(MainWindow& window)
+{
+    QStringList lines;
+    auto* list = window.findChild<QListWidget*>("msgDisplay");
+    for (int i = 0; list != nullptr && i < list->count(); ++i)
+        lines << list->item(i)->text();
+    return lines;
+}
+
+QString currentPage(MainWindow& window)
+{
+    auto* stack = window.findChild<QStackedWidget*>();
+    return stack && stack->currentWidget() ? stack->currentWidget()->objectName() : QString();
+}
+
+QPushButton* button(MainWindow& window, const char* name)
+{
+    return window.findChild<QPushButton*>(name);
+}
+
+bool phaseFileExists()
+{
+    return access(kPhaseFile, F_OK) == 0;
+}
+
+} // namespace
+
+class TestMainWindow : public QObject {
+    Q_OBJECT
+
+private slots:
+    void formOfTheWindow()
+    {
+        MainWindow window;
+        QCOMPARE(window.objectName(), QString("MainWindow"));
+        QCOMPARE(int(window.windowFlags()), 0x1801);
+        QCOMPARE(window.windowTitle(), QString("tov_benchmark"));
+        QCOMPARE(window.size(), QSize(640, 480));
+        QCOMPARE(window.maximumSize(), QSize(640, 480));
+        QCOMPARE(window.font().pointSize(), 16);
+        QCOMPARE(window.font().weight(), int(QFont::Bold));
+
+        auto* title = window.findChild<QLabel*>("label_title");
+        QVERIFY(title != nullptr);
+        QCOMPARE(title->text(), QString("BENCHMARK/TESTS TOV USINE"));
+        QCOMPARE(title->font().pointSize(), 18);
+        QCOMPARE(title->maximumHeight(), 40);
+        QCOMPARE(title->styleSheet(), QString("color: rgb(0, 51, 102);"));
+        QCOMPARE(title->alignment(), Qt::AlignCenter);
+        QCOMPARE(button(window, "pB_resetBench")->text(), QString("RESET BenchMark"));
+        QCOMPARE(button(window, "pB_reboot")->text(), QString::fromUtf8("Redémarrage TOV"));
+        for (const char* name : {"centralWidget"})
+            QVERIFY(window.findChild<QWidget*>(name) != nullptr);
+        for (const char* name : {"gridLayout", "verticalLayout", "verticalLayout_widget", "verticalLayout_keyboard",
+                                 "horizontalLayout"}) {
+            auto* layout = window.findChild<QLayout*>(name);
+            QVERIFY2(layout != nullptr, name);
+            QCOMPARE(layout->spacing(), 6);
+        }
+        QCOMPARE(window.findChild<QLayout*>("gridLayout")->contentsMargins(), QMargins(11, 11, 11, 11));
+    }
+
+    void withoutPhaseFileTheFormShowsAndNothingRuns()
+    {
+        MainWindow window;
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QCOMPARE(currentPage(window), QString("fNetworkConf"));
+        QVERIFY(button(window, "pB_reboot")->isHidden());
+        QVERIFY(button(window, "pB_resetBench")->isHidden());
+        QTest::qWait(2000);
+        QCOMPARE(panelLines(window), QStringList());
+        QCOMPARE(unitJournal(), std::string());
+    }
+
+    void phaseFileWithOtherThanThreeLinesMeansPhaseZero_data()
+    {
+        QTest::addColumn<QString>("content");
+        QTest::newRow("two lines") << "1\n0\n";
+        QTest::newRow("four lines") << "1\n0\n192.0.2.10\nextra\n";
+        QTest::newRow("empty") << "";
+        QTest::newRow("phase never written") << "7\n0\n192.0.2.10\n";
+        QTest::newRow("garbage") << "\x01\x02zz\n\xff\n\n";
+    }
+
+    void phaseFileWithOtherThanThreeLinesMeansPhaseZero()
+    {
+        QFETCH(QString, content);
+        writeText(kPhaseFile, content.toLatin1().toStdString());
+        MainWindow window;
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QCOMPARE(currentPage(window), QString("fNetworkConf"));
+        QVERIFY(button(window, "pB_resetBench")->isHidden());
+        QTest::qWait(500);
+        QCOMPARE(panelLines(window), QStringList());
+    }
+
+    void phaseOneStartsOnShowAndStopsOnErrors()
+    {
+        writeText(kPhaseFile, "1\n0\n198.51.100.7\n");
+        MainWindow window;
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QVERIFY(!button(window, "pB_resetBench")->isHidden());
+        QVERIFY(button(window, "pB_reboot")->isHidden());
+        QCOMPARE(currentPage(window), QString("fResultDisplay"));
+        // The start line is cleared at once by the test start; the stage lines follow in order.
+        QTRY_VERIFY(panelLines(window).size() >= 3);
+        const QStringList first = panelLines(window).mid(0, 3);
+        QVERIFY2(first[0].startsWith("Kernel Version: "), qPrintable(first[0]));
+        QCOMPARE(first[1], QString("Composant ETHERNET: DM9000-A"));
+        QVERIFY2(QRegularExpression("^Espace de Stockage \\(libre/total\\): \\d+Mo/128Mo$").match(first[2]).hasMatch(),
+                 qPrintable(first[2]));
+
+        // This unit has no network and no module: the run ends with errors.
+        const QString errorLine = QString::fromUtf8("ERREUR Détéctés(s), veuillez vérifier/corriger puis Redémarrer");
+        QTRY_VERIFY_WITH_TIMEOUT(panelLines(window).contains(errorLine), 120000);
+        const QStringList lines = panelLines(window);
+        QCOMPARE(lines.mid(lines.size() - 2), QStringList({"AutoTest Terminer!", errorLine}));
+        QPushButton* reboot = button(window, "pB_reboot");
+        QCOMPARE(reboot->text(), QString::fromUtf8("ERREUR Détéctés(s) - Redémarrage TOV"));
+        QVERIFY(!reboot->isHidden());
+        QVERIFY(!button(window, "pB_resetBench")->isHidden());
+        QCOMPARE(readText(kPhaseFile), std::string("1\n0\n198.51.100.7\n"));
+        QTest::qWait(6000);
+        QCOMPARE(unitJournal(), std::string("dmesg\n"));
+
+        QTest::mouseClick(reboot, Qt::LeftButton);
+        QCOMPARE(unitJournal(), std::string("dmesg\n/sbin/reboot\n"));
+    }
+
+    void successWritesTheNextPhaseThenRebootsFiveSecondsLater_data()
+    {
+        QTest::addColumn<QString>("before");
+        QTest::addColumn<QString>("after");
+        QTest::addColumn<int>("shownPhase");
+        QTest::newRow("phase 1") << "" << "1\n0\n\n" << 1;
+        QTest::newRow("phase 2") << "1\n1\n198.51.100.7\n" << "2\n1\n198.51.100.7\n" << 2;
+    }
+
+    void successWritesTheNextPhaseThenRebootsFiveSecondsLater()
+    {
+        QFETCH(QString, before);
+        QFETCH(QString, after);
+        QFETCH(int, shownPhase);
+        if (!before.isEmpty())
+            writeText(kPhaseFile, before.toStdString());
+        writeText("/run/tovsim/journal", "");
+        MainWindow window; // not shown: no run starts, the end of one is played here
+        window.On_ThreadEnd(0);
+        QCOMPARE(readText(kPhaseFile), after.toStdString());
+        QTRY_COMPARE(panelLines(window),
+                     QStringList(QString::fromUtf8("Test TOV %1/3 términé, redémarrage TOV... dans 5 secondes")
+                                     .arg(shownPhase)));
+        QTest::qWait(4500);
+        QCOMPARE(unitJournal(), std::string());
+        QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), std::string("/sbin/reboot\n"), 2000);
+    }
+
+    void errorsInALaterPhaseOfferRebootAndReset()
+    {
+        writeText(kPhaseFile, "2\n0\n198.51.100.7\n");
+        MainWindow window;
+        window.On_ThreadEnd(3);
+        QTRY_COMPARE(panelLines(window),
+                     QStringList(QString::fromUtf8("ERREUR Détéctés(s), veuillez vérifier/corriger puis Redémarrer")));
+        auto* list = window.findChild<QListWidget*>("msgDisplay");
+        QCOMPARE(list->item(0)->foreground().color(), QColor(Qt::red));
+        QVERIFY(!button(window, "pB_reboot")->isHidden());
+        QVERIFY(!button(window, "pB_resetBench")->isHidden());
+        QCOMPARE(readText(kPhaseFile), std::string("2\n0\n198.51.100.7\n"));
+        QTest::qWait(6000);
+        QCOMPARE(unitJournal(), std::string());
+    }
+
+    void errorsInTheFirstPhaseGoBackToTheForm()
+    {
+        MainWindow window;
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        window.OnStartTest();
+        QCOMPARE(currentPage(window), QString("fResultDisplay"));
+        window.On_ThreadEnd(1);
+        QCOMPARE(currentPage(window), QString("fNetworkConf"));
+        QVERIFY(button(window, "pB_reboot")->isHidden());
+        QVERIFY(!phaseFileExists());
+    }
+
+    void successOfTheThirdPhaseHandsOverToProduction()
+    {
+        writeText(kPhaseFile, "2\n0\n198.51.100.7\n");
+        writeText("/run/tovsim/journal", "");
+        MainWindow window;
+        window.On_ThreadEnd(0);
+        QVERIFY(!phaseFileExists());
+        const std::string starter = readText("/home/TOV/tov_starter");
+        QVERIFY(starter.find("\nTOV_BIN_NAME=tovQT\n") != std::string::npos);
+        QVERIFY(starter.find("TOV_BIN_NAME=tov_test") == std::string::npos);
+        QTRY_VERIFY(panelLines(window).contains(
+            QString::fromUtf8("Test TOV términé, le prochain redémarrage lancera l'application TOV")));
+        QTest::qWait(4500);
+        QCOMPARE(unitJournal(), std::string());
+        QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), std::string("/sbin/reboot\n"), 2000);
+    }
+
+    void screenshotWithARedAndADefaultLine()
+    {
+        writeText(kPhaseFile, "1\n0\n192.0.2.10\n");
+        MainWindow window; // phase 1 without showing: the panel is the page, no run starts
+        window.OnDisplayResult(QString::fromUtf8("Démarrage des Tests du TOV..."));
+        window.OnDisplayResult(QString::fromUtf8("ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !"));
+        window.OnDisplayResult(QString::fromUtf8("Librairie VITRANOL installée OK"));
+        const QImage shot = window.grab().toImage();
+        QCOMPARE(shot.size(), QSize(640, 480));
+
+        int red = 0;
+        for (int y = 0; y < shot.height(); ++y)
+            for (int x = 0; x < shot.width(); ++x) {
+                const QColor c = shot.pixelColor(x, y);
+                if (c.red() > 200 && c.green() < 60 && c.blue() < 60)
+                    ++red;
+            }
+        QVERIFY2(red > 100, "the failure line is not drawn in red");
+
+        const QByteArray dir = qgetenv("TOV_ARTIFACT_DIR");
+        QVERIFY2(!dir.isEmpty(), "TOV_ARTIFACT_DIR names the folder for the screenshot");
+        QVERIFY(shot.save(QString::fromLocal8Bit(dir) + "/mainwindow-results.png"));
+    }
+};
+
+int main(int argc, char** argv)
+{
+    const bool listing = argc > 1 && QByteArray(argv[1]) == "-functions";
+    if (!listing && !tovtest::insideUnit(argv[0]))
+        return 2;
+    QApplication app(argc, argv);
+    TestMainWindow test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "unit_mainwindow.moc"
