@@ -3,6 +3,7 @@
 #include "app/fresultdisplay.h"
 #include "autotest/cautotestthread.h"
 #include "ui_mainwindow.h"
+#include "usb/copyfilestousb.h"
 #include "utils/fileops.h"
 #include "utils/systemops.h"
 
@@ -143,7 +144,15 @@ void MainWindow::On_ThreadEnd(int _status)
     }
     ++m_phase;
     if (m_phase == kLastPhase) {
-        OnEndBenchMark();
+        if (m_restoreChoice == 0) {
+            OnEndBenchMark();
+            return;
+        }
+        auto* usbPage = new CopyFilesToUSB(m_stack);
+        connect(usbPage, &CopyFilesToUSB::sig_usbExit, this, &MainWindow::OnEndBenchMark);
+        m_stack->addWidget(usbPage);
+        m_stack->setCurrentWidget(usbPage);
+        usbPage->show();
         return;
     }
     writePhaseFile();

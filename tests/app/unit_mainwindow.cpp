@@ -231,6 +231,23 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), std::string("/sbin/reboot\n"), 2000);
     }
 
+    void successOfTheThirdPhaseWithRestoreOpensTheUsbPageFirst()
+    {
+        writeText(kPhaseFile, "2\n1\n198.51.100.7\n");
+        writeText("/run/tovsim/journal", "");
+        MainWindow window;
+        window.On_ThreadEnd(0);
+        QCOMPARE(currentPage(window), QString("CopyFilesToUSB"));
+        QTest::qWait(6000);
+        QVERIFY(phaseFileExists());
+        QCOMPARE(unitJournal(), std::string());
+
+        QTest::mouseClick(window.findChild<QPushButton*>("pB_QuitUsb"), Qt::LeftButton);
+        QVERIFY(!phaseFileExists());
+        QVERIFY(readText("/home/TOV/tov_starter").find("\nTOV_BIN_NAME=tovQT\n") != std::string::npos);
+        QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), std::string("/sbin/reboot\n"), 7000);
+    }
+
     void screenshotWithARedAndADefaultLine()
     {
         writeText(kPhaseFile, "1\n0\n192.0.2.10\n");
