@@ -1,6 +1,7 @@
 #include "autotest/cautotestthread.h"
 
 #include "mesure/rwktimer.h"
+#include "sftp/curl_wrapper.h"
 #include "utils/fileops.h"
 #include "utils/systemops.h"
 
@@ -183,10 +184,13 @@ void cAutoTestThread::checkTransfer(bool connected)
         report(tr("ERREUR transfert Fichier TOV_TEST.MSR sur WATCHTOWER"));
 }
 
-int cAutoTestThread::Upload(const std::string& /*localFile*/)
+int cAutoTestThread::Upload(const std::string& localFile)
 {
-    // The SFTP client is not built in yet: nothing can be transferred.
-    return 0;
+    const std::string url = "sftp://" + m_serverAddress;
+    // The local file is kept after the upload.
+    Curl_Wrapper::UploadMap files{{{localFile, "~/TOV/tests_tov"}, false}};
+    Curl_Wrapper curl;
+    return curl.Upload(url, "Watchtower", "Tomar#81kwy", files) ? 1 : 0;
 }
 
 void cAutoTestThread::checkFluidLibrary()

@@ -159,6 +159,21 @@ TEST(TestThread, EarlierMeasurementFileIsAppendedTo)
     EXPECT_EQ(run.errors, 3);
 }
 
+TEST(TestThreadUpload, MeasurementFileReachesTheServer)
+{
+    writeText(kMeasureFile, "measurement\n");
+    cAutoTestThread thread;
+    thread.setServerAddress("192.0.2.10");
+    EXPECT_NE(thread.Upload(kMeasureFile), 0);
+    EXPECT_EQ(readText("/run/tovsim/watchtower/TOV/tests_tov/tov_test.msr"), "measurement\n");
+    EXPECT_EQ(readText(kMeasureFile), "measurement\n");
+
+    thread.setServerAddress("192.0.2.99");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(thread.Upload(kMeasureFile), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("curl: error: ", 0), 0u);
+}
+
 // The three cases below run in units started with --home-used 44 / 45 and --no-refprop.
 TEST(TestThreadUsed44NoLibrary, SmallUseOfStorageAndMissingLibraryFail)
 {

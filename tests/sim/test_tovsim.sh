@@ -33,6 +33,10 @@ case_leaves_nothing_behind() {
     after=$(host_state)
     check "machine unchanged after a run" "$before" "$after"
     check "no process of the unit left" "" "$(pgrep -fx 'sleep 60' || true)"
+    "$TOVSIM" exec --watchtower up --usb "$SCRATCH" -- sh -c 'pgrep -x sshd >/dev/null'
+    check "the WATCHTOWER server runs in the unit" 0 "$?"
+    check "machine unchanged after a run with a server and a stick" "$before" "$(host_state)"
+    check "no server left" "" "$(pgrep -x sshd || true)"
     "$TOVSIM" exec -- /no/such/command 2>/dev/null
     check "a command that cannot start" 127 "$?"
     check "machine unchanged after a failed start" "$before" "$(host_state)"

@@ -1,0 +1,62 @@
+// The bench's only route to the maker's WATCHTOWER server: SFTP through libcurl's easy interface.
+// Each operation sets up its own transfer, runs it and cleans up; one object runs one operation at
+// a time. Results are true for success; the only messages are "curl: error: ..." and the
+// initialisation failure.
+#ifndef TOV_SFTP_CURL_WRAPPER_H
+#define TOV_SFTP_CURL_WRAPPER_H
+
+#include <curl/curl.h>
+
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+class Curl_Wrapper {
+public:
+    // (local path, remote directory) -> delete the local file after a successful upload
+    using UploadMap = std::map<std::pair<std::string, std::string>, bool>;
+    // (remote path, local directory ending in "/") -> (remove the remote file after the download,
+    // status); entries that fail are removed from the map
+    using DownloadMap = std::map<std::pair<std::string, std::string>, std::pair<bool, int>>;
+
+    Curl_Wrapper();
+    virtual ~Curl_Wrapper();
+
+    bool initCurl_Wrapper();
+    void closeCurl_Wrapper();
+
+    bool TestConnection(const std::string& url, const std::string& user, const std::string& password);
+    bool Upload(const std::string& url, const std::string& user, const std::string& password, UploadMap& files);
+    bool Download(const std::string& url, const std::string& user, const std::string& password,
+                  const std::string& remotePath, const std::string& localPath, const bool& removeRemote);
+    bool Download(const std::string& url, const std::string& user, const std::string& password, DownloadMap& files);
+    bool DeleteFile(const std::string& url, const std::string& remotePath, const std::string& user,
+                    const std::string& password);
+    bool QuoteCommand(const std::string& url, const std::string& remotePart, const std::string& localFile,
+                      const std::string& user, const std::string& password, const std::vector<std::string>& before,
+                      const std::vector<std::string>& after);
+    bool ListDir(const std::string& url, const std::string& user, const std::string& password,
+                 const std::string& remoteDir, std::vector<std::string>& result, const std::string& pattern);
+
+    // The part after the last "/"; a path without "/" gives "".
+    static std::string getFileNameFromPath(const std::string& path);
+
+    static size_t _CurlReadCallback(void* buf, size_t size, size_t n, void* stream);
+    static size_t _CurlWriteCallback(void* buf, size_t size, size_t n, void* stream);
+    static int _CurlProgressCallback(void* wrapper, curl_off_t dlTotal, curl_off_t dlNow, curl_off_t ulTotal,
+                                     curl_off_t ulNow);
+    static size_t _CurlSftpListCallback(void* buf, size_t size, size_t n, void* list);
+    void CurlProgressCallback(double total, double now);
+
+private:
+    void setProgress(CURL* curl, long noProgress);
+    static void setCredentials(CURL* curl, const std::string& user, const std::string& password);
+    static bool perform(CURL* curl);
+
+    std::mutex m_mutex;
+};
+
+#endif

@@ -1,0 +1,77 @@
+# WATCHTOWER, the maker's SFTP server as a unit meets it: a real OpenSSH sshd with the account
+# "Watchtower" (password "Tomar#81kwy") whose home holds TOV/tests_tov. Sourced by tovsim.
+#
+# The server runs in a mount namespace of its own, so that its account and its state exist nowhere
+# else. Its disk (the account's home folder) is also shown in the unit at WATCHTOWER_DISK, for tests
+# to look at what arrived.
+#
+# Modes: up (default); bad-password (the account has another password); full (its home is a tiny
+# file system where uploads fail); no-dir (no TOV/tests_tov folder); down (no server at all).
+
+WATCHTOWER_USER=Watchtower
+WATCHTOWER_PASSWORD='Tomar#81kwy'
+WATCHTOWER_UID=2000
+WATCHTOWER_DISK=/run/tovsim/watchtower
+
+watchtower_valid_mode() {
+    case $1 in up|bad-password|full|no-dir|down) return 0 ;; *) return 1 ;; esac
+}
+
+# Starts the server listening on ADDRESS port 22 and waits until it accepts connections.
+watchtower_start() {
+    local address=$1 mode=$2
+    [[ $mode != down ]] || return 0
+    local home_size=16m
+    [[ $mode != full ]] || home_size=64k
+    mkdir -p "$WATCHTOWER_DISK"
+    mount -t tmpfs -o "mode=0755,size=$home_size" watchtower-disk "$WATCHTOWER_DISK"
+    [[ $mode == no-dir ]] || mkdir -p "$WATCHTOWER_DISK/TOV/tests_tov"
+    chown -R "$WATCHTOWER_UID:$WATCHTOWER_UID" "$WATCHTOWER_DISK"
+    unshare --mount --propagation private -- "$SELF" __watchtower "$address" "$mode" &
+    local tries
+    for tries in $(seq 100); do
+        if [[ -n $(ss -Hltn "src $address and sport = :22" 2>/dev/null) ]]; then
+            return 0
+        fi
+        sleep 0.05
+    done
+    die "the WATCHTOWER server did not start on $address"
+}
+
+# In the server's own mount namespace: account, home, host key, then sshd in the foreground.
+watchtower_serve() {
+    local address=$1 mode=$2 state=/run/watchtower password=$WATCHTOWER_PASSWORD
+    [[ $mode != bad-password ]] || password='not-the-bench-password'
+    mkdir -p "$state" /run/sshd
+    mount -t tmpfs -o mode=0755,size=4m watchtower-state "$state"
+    cp /etc/passwd /etc/shadow /etc/group "$state/"
+    printf '%s:x:%d:%d:WATCHTOWER:/home/%s:/bin/sh\n' "$WATCHTOWER_USER" "$WATCHTOWER_UID" \
+        "$WATCHTOWER_UID" "$WATCHTOWER_USER" >>"$state/passwd"
+    printf '%s:%s:19000:0:99999:7:::\n' "$WATCHTOWER_USER" "$(openssl passwd -6 "$password")" >>"$state/shadow"
+    printf '%s:x:%d:\n' "$WATCHTOWER_USER" "$WATCHTOWER_UID" >>"$state/group"
+    local file
+    for file in passwd shadow group; do
+        mount --bind "$state/$file" "/etc/$file"
+    done
+
+    mount -t tmpfs -o mode=0755,size=1m watchtower-home /home
+    mkdir "/home/$WATCHTOWER_USER"
+    mount --bind "$WATCHTOWER_DISK" "/home/$WATCHTOWER_USER"
+
+    ssh-keygen -q -t ed25519 -N '' -f "$state/host_key"
+    cat >"$state/sshd_config" <<CONFIG
+ListenAddress $address
+Port 22
+HostKey $state/host_key
+PidFile $state/sshd.pid
+UsePAM no
+PasswordAuthentication yes
+KbdInteractiveAuthentication no
+PermitRootLogin no
+AuthorizedKeysFile none
+StrictModes no
+Subsystem sftp internal-sftp
+LogLevel QUIET
+CONFIG
+    exec /usr/sbin/sshd -D -e -f "$state/sshd_config"
+}

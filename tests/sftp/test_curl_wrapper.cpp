@@ -1,0 +1,72 @@
+// The callbacks and helpers of the SFTP wrapper, without a server.
+#include "sftp/curl_wrapper.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+size_t deliver(std::vector<std::string>* list, const std::string& block)
+{
+    std::vector<char> buffer(block.begin(), block.end());
+    return Curl_Wrapper::_CurlSftpListCallback(buffer.data(), 1, buffer.size(), list);
+}
+
+} // namespace
+
+TEST(CurlWrapperCallbacks, ListingTakesOneNamePerBlockWithoutDotNames)
+{
+    std::vector<std::string> names;
+    EXPECT_EQ(deliver(&names, "tov_test.msr\n"), 13u);
+    EXPECT_EQ(deliver(&names, ".\n"), 2u);
+    EXPECT_EQ(deliver(&names, "..\n"), 3u);
+    EXPECT_EQ(deliver(&names, ".hidden\n"), 8u);
+    EXPECT_EQ(deliver(&names, "no line feed"), 12u);
+    EXPECT_EQ(deliver(&names, "\n"), 1u);
+    EXPECT_EQ(names, (std::vector<std::string>{"tov_test.msr", "no line feed"}));
+
+    char data[] = "x\n";
+    EXPECT_EQ(Curl_Wrapper::_CurlSftpListCallback(data, 2, 1, nullptr), 2u);
+    EXPECT_EQ(Curl_Wrapper::_CurlSftpListCallback(nullptr, 3, 4, &names), 12u);
+    EXPECT_EQ(Curl_Wrapper::_CurlSftpListCallback(data, 0, 2, &names), 0u);
+    EXPECT_EQ(names.size(), 2u);
+}
+
+TEST(CurlWrapperCallbacks, WriteWithoutFileDiscardsAndProgressNeverAborts)
+{
+    char data[16] = {};
+    EXPECT_EQ(Curl_Wrapper::_CurlWriteCallback(data, 4, 3, nullptr), 12u);
+    EXPECT_EQ(Curl_Wrapper::_CurlProgressCallback(nullptr, 100, 50, 100, 50), 0);
+}
+
+TEST(CurlWrapperCallbacks, FileNameFromPath)
+{
+    EXPECT_EQ(Curl_Wrapper::getFileNameFromPath("/home/tov_test.msr"), "tov_test.msr");
+    EXPECT_EQ(Curl_Wrapper::getFileNameFromPath("~/TOV/tests_tov/"), "");
+    EXPECT_EQ(Curl_Wrapper::getFileNameFromPath("name"), "");
+}
+
+TEST(CurlWrapperArguments, MissingMandatoryArgumentsFailBeforeAnyTransfer)
+{
+    Curl_Wrapper curl;
+    Curl_Wrapper::UploadMap uploads{{{"/tmp/x", "dir"}, false}};
+    Curl_Wrapper::DownloadMap downloads;
+    std::vector<std::string> names;
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(curl.TestConnection("", "u", "p"));
+    EXPECT_FALSE(curl.Upload("", "u", "p", uploads));
+    EXPECT_FALSE(curl.Download("", "u", "p", "r", "/tmp/l", false));
+    EXPECT_FALSE(curl.Download("sftp://x", "u", "p", "", "/tmp/l", false));
+    EXPECT_FALSE(curl.Download("sftp://x", "u", "p", "r", "", false));
+    EXPECT_FALSE(curl.Download("", "u", "p", downloads));
+    EXPECT_FALSE(curl.DeleteFile("", "r", "u", "p"));
+    EXPECT_FALSE(curl.DeleteFile("sftp://x", "", "u", "p"));
+    EXPECT_FALSE(curl.QuoteCommand("", "/r", "/tmp/l", "u", "p", {}, {}));
+    EXPECT_FALSE(curl.QuoteCommand("sftp://x", "", "/tmp/l", "u", "p", {}, {}));
+    EXPECT_FALSE(curl.QuoteCommand("sftp://x", "/r", "", "u", "p", {}, {}));
+    EXPECT_FALSE(curl.ListDir("", "u", "p", "d/", names, ""));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}

@@ -1,0 +1,205 @@
+// The SFTP wrapper against the WATCHTOWER server of the simulated unit (a real OpenSSH sshd). The
+// server's disk shows in the unit at /run/tovsim/watchtower; its account's home is "~/" there.
+#include "sftp/curl_wrapper.h"
+
+#include "testfiles.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+using tovtest::readText;
+using tovtest::writeText;
+
+namespace {
+
+const std::string kUrl = "sftp://192.0.2.10";
+const std::string kUser = "Watchtower";
+const std::string kPassword = "Tomar#81kwy";
+const std::string kServerDir = "/run/tovsim/watchtower/TOV/tests_tov/";
+
+bool exists(const std::string& path)
+{
+    return access(path.c_str(), F_OK) == 0;
+}
+
+std::string measurementText()
+{
+    std::string text;
+    for (int i = 0; i < 2000; ++i)
+        text += "23/11/2026_10:00:00;" + std::to_string(i) + ";" + std::to_string(i) + ";0.20;\n";
+    return text;
+}
+
+// Puts a file on the server's disk as the account would own it.
+void serverFile(const std::string& name, const std::string& text)
+{
+    writeText(kServerDir + name, text);
+    ASSERT_EQ(chown((kServerDir + name).c_str(), 2000, 2000), 0);
+}
+
+} // namespace
+
+TEST(Watchtower, TestConnectionLogsIn)
+{
+    Curl_Wrapper curl;
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(curl.TestConnection(kUrl + "/~/", kUser, kPassword));
+    // No sink is set: the listing of the folder goes to standard output.
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(" TOV\n"), std::string::npos);
+}
+
+TEST(Watchtower, UploadSendsIdenticalBytesAndKeepsOrDeletesPerEntry)
+{
+    const std::string text = measurementText();
+    writeText("/home/tov_test.msr", text);
+    writeText("/home/sent_then_deleted.msr", "second file\n");
+    Curl_Wrapper curl;
+    Curl_Wrapper::UploadMap files{{{"/home/tov_test.msr", "~/TOV/tests_tov"}, false},
+                                  {{"/home/sent_then_deleted.msr", "~/TOV/tests_tov"}, true}};
+    EXPECT_TRUE(curl.Upload(kUrl, kUser, kPassword, files));
+    EXPECT_EQ(readText(kServerDir + "tov_test.msr"), text);
+    EXPECT_EQ(readText(kServerDir + "sent_then_deleted.msr"), "second file\n");
+    EXPECT_TRUE(exists("/home/tov_test.msr"));
+    EXPECT_FALSE(exists("/home/sent_then_deleted.msr"));
+}
+
+TEST(Watchtower, UploadOfNothingSucceedsAndAMissingFileFailsWithoutStoppingTheOthers)
+{
+    Curl_Wrapper curl;
+    Curl_Wrapper::UploadMap none;
+    EXPECT_TRUE(curl.Upload(kUrl, kUser, kPassword, none));
+
+    writeText("/home/present.msr", "present\n");
+    Curl_Wrapper::UploadMap files{{{"/home/absent.msr", "~/TOV/tests_tov"}, true},
+                                  {{"/home/present.msr", "~/TOV/tests_tov"}, false}};
+    EXPECT_FALSE(curl.Upload(kUrl, kUser, kPassword, files));
+    EXPECT_EQ(readText(kServerDir + "present.msr"), "present\n");
+    EXPECT_FALSE(exists(kServerDir + "absent.msr"));
+}
+
+TEST(Watchtower, DownloadReplacesTheLocalFileAndMayRemoveTheRemoteOne)
+{
+    serverFile("config.conf", "remote content\n");
+    writeText("/home/config.conf", "an older, longer local content\n");
+    Curl_Wrapper curl;
+    EXPECT_TRUE(curl.Download(kUrl, kUser, kPassword, "~/TOV/tests_tov/config.conf", "/home/config.conf", false));
+    EXPECT_EQ(readText("/home/config.conf"), "remote content\n");
+    EXPECT_TRUE(exists(kServerDir + "config.conf"));
+
+    EXPECT_TRUE(curl.Download(kUrl, kUser, kPassword, "~/TOV/tests_tov/config.conf", "/home/again.conf", true));
+    EXPECT_EQ(readText("/home/again.conf"), "remote content\n");
+    EXPECT_FALSE(exists(kServerDir + "config.conf"));
+
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(curl.Download(kUrl, kUser, kPassword, "~/TOV/tests_tov/config.conf", "/home/gone.conf", false));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "curl: error: Remote file not found\n");
+}
+
+TEST(Watchtower, DownloadSetDropsFailingEntries)
+{
+    serverFile("a.msr", "file a\n");
+    serverFile("b.msr", "file b\n");
+    ASSERT_EQ(mkdir("/home/in", 0755), 0);
+    Curl_Wrapper curl;
+    Curl_Wrapper::DownloadMap files{{{"~/TOV/tests_tov/a.msr", "/home/in/"}, {false, 1}},
+                                    {{"~/TOV/tests_tov/b.msr", "/home/in/"}, {true, 1}},
+                                    {{"~/TOV/tests_tov/missing.msr", "/home/in/"}, {false, 1}}};
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(curl.Download(kUrl, kUser, kPassword, files));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "curl: error: Remote file not found\n");
+    EXPECT_EQ(files.size(), 2u);
+    EXPECT_EQ(files.count({"~/TOV/tests_tov/missing.msr", "/home/in/"}), 0u);
+    EXPECT_FALSE(exists("/home/in/missing.msr"));
+    EXPECT_EQ(readText("/home/in/a.msr"), "file a\n");
+    EXPECT_EQ(readText("/home/in/b.msr"), "file b\n");
+    EXPECT_TRUE(exists(kServerDir + "a.msr"));
+    EXPECT_FALSE(exists(kServerDir + "b.msr"));
+}
+
+TEST(Watchtower, DeleteFileAndQuoteCommands)
+{
+    serverFile("old.msr", "old\n");
+    Curl_Wrapper curl;
+    EXPECT_TRUE(curl.DeleteFile(kUrl + "/~/", "~/TOV/tests_tov/old.msr", kUser, kPassword));
+    EXPECT_FALSE(exists(kServerDir + "old.msr"));
+
+    serverFile("report.txt", "report\n");
+    EXPECT_TRUE(curl.QuoteCommand(kUrl, "/~/TOV/tests_tov/report.txt", "/home/report.txt", kUser, kPassword,
+                                  {"mkdir TOV/archive"}, {"rename TOV/tests_tov/report.txt TOV/archive/report.txt"}));
+    EXPECT_EQ(readText("/home/report.txt"), "report\n");
+    EXPECT_TRUE(exists("/run/tovsim/watchtower/TOV/archive/report.txt"));
+    EXPECT_FALSE(exists(kServerDir + "report.txt"));
+}
+
+TEST(Watchtower, ListDirFiltersNamesAndPrefixesTheFolder)
+{
+    for (const char* name : {"ab.msr", "ba.msr", "a.log", "b.txt", ".hidden_ab"})
+        serverFile(name, "x");
+    Curl_Wrapper curl;
+    const std::string dir = "~/TOV/tests_tov/";
+    auto list = [&](const std::string& pattern) {
+        std::vector<std::string> names{"kept"};
+        EXPECT_TRUE(curl.ListDir(kUrl, kUser, kPassword, dir, names, pattern));
+        std::sort(names.begin() + 1, names.end());
+        return names;
+    };
+    EXPECT_EQ(list(""), (std::vector<std::string>{"kept", dir + "a.log", dir + "ab.msr", dir + "b.txt", dir + "ba.msr"}));
+    EXPECT_EQ(list(".msr"), (std::vector<std::string>{"kept", dir + "ab.msr", dir + "ba.msr"}));
+    EXPECT_EQ(list("a*b"), (std::vector<std::string>{"kept", dir + "ab.msr", dir + "ba.msr"}));
+    EXPECT_EQ(list("*.log"), (std::vector<std::string>{"kept", dir + "a.log"}));
+    EXPECT_EQ(list("zzz"), (std::vector<std::string>{"kept"}));
+
+    std::vector<std::string> names;
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(curl.ListDir(kUrl, kUser, kPassword, "~/no/such/dir/", names, ""));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_TRUE(names.empty());
+}
+
+// In a unit whose server refuses the bench's password.
+TEST(WatchtowerBadPassword, EveryOperationFailsWithLoginDenied)
+{
+    writeText("/home/tov_test.msr", "x\n");
+    Curl_Wrapper curl;
+    Curl_Wrapper::UploadMap files{{{"/home/tov_test.msr", "~/TOV/tests_tov"}, true}};
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(curl.TestConnection(kUrl + "/~/", kUser, kPassword));
+    EXPECT_FALSE(curl.Upload(kUrl, kUser, kPassword, files));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "curl: error: Login denied\ncurl: error: Login denied\n");
+    EXPECT_TRUE(exists("/home/tov_test.msr"));
+}
+
+// In a unit with no server.
+TEST(WatchtowerDown, ConnectionFails)
+{
+    Curl_Wrapper curl;
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(curl.TestConnection(kUrl + "/~/", kUser, kPassword));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "curl: error: Couldn't connect to server\n");
+}
+
+// In units whose server disk is full, or lacks the tests folder.
+TEST(WatchtowerFull, UploadFailsAndTheLocalFileStays)
+{
+    writeText("/home/tov_test.msr", measurementText());
+    Curl_Wrapper curl;
+    Curl_Wrapper::UploadMap files{{{"/home/tov_test.msr", "~/TOV/tests_tov"}, true}};
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(curl.Upload(kUrl, kUser, kPassword, files));
+    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("curl: error: ", 0), 0u);
+    EXPECT_TRUE(exists("/home/tov_test.msr"));
+}
+
+TEST(WatchtowerNoDir, UploadFails)
+{
+    writeText("/home/tov_test.msr", "x\n");
+    Curl_Wrapper curl;
+    Curl_Wrapper::UploadMap files{{{"/home/tov_test.msr", "~/TOV/tests_tov"}, false}};
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(curl.Upload(kUrl, kUser, kPassword, files));
+    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("curl: error: ", 0), 0u);
+}
