@@ -35,6 +35,10 @@ void journalCpCalls()
 
 // What the operator does in the folder chooser, and what the chooser looked like.
 struct Chooser {
+    explicit Chooser(const QString& folder = QString())
+        : choice(folder)
+    {
+    }
     QString choice; // empty: cancel
     QString title;
     QString startFolder;
@@ -150,7 +154,7 @@ private slots:
         CopyFilesToUSB page;
         QCOMPARE(message(page), QString());
         QSignalSpy percent(&page, &CopyFilesToUSB::sig_ChangePercent);
-        Chooser chooser{QString(kStickFolder) + "/backup_full"};
+        Chooser chooser(QString(kStickFolder) + "/backup_full");
         answerChooser(chooser);
         QTest::mouseClick(page.findChild<QPushButton*>("pB_RestoreFromUsb"), Qt::LeftButton);
 
@@ -188,7 +192,7 @@ private slots:
     {
         CopyFilesToUSB page;
         QSignalSpy percent(&page, &CopyFilesToUSB::sig_ChangePercent);
-        Chooser chooser{QString(kStickFolder) + "/only_config"};
+        Chooser chooser(QString(kStickFolder) + "/only_config");
         answerChooser(chooser);
         page.On_RestoreFilesFromUsb();
         QCOMPARE(readText(kCpJournal), std::string("cp /media/usb_drive/only_config/config.conf /home/TOV/\n"));
@@ -201,7 +205,7 @@ private slots:
     {
         CopyFilesToUSB page;
         QSignalSpy percent(&page, &CopyFilesToUSB::sig_ChangePercent);
-        Chooser chooser{QString(kStickFolder) + "/nothing_to_restore"};
+        Chooser chooser(QString(kStickFolder) + "/nothing_to_restore");
         answerChooser(chooser);
         page.On_RestoreFilesFromUsb();
         QCOMPARE(readText(kCpJournal), std::string());
@@ -222,7 +226,7 @@ private slots:
         QVERIFY(!page.findChild<QPushButton*>("pB_RestoreFromUsb")->isHidden());
 
         // A later restore starts from an empty list of entries.
-        Chooser again{QString(kStickFolder) + "/only_config"};
+        Chooser again(QString(kStickFolder) + "/only_config");
         answerChooser(again);
         page.On_RestoreFilesFromUsb();
         QCOMPARE(readText(kCpJournal), std::string("cp /media/usb_drive/only_config/config.conf /home/TOV/\n"));
