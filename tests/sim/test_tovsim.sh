@@ -7,6 +7,8 @@ TOVSIM=$(dirname "$(readlink -f "$0")")/../../sim/tovsim
 SCRATCH=$(mktemp -d /tmp/tovsim-test.XXXXXX)
 trap 'rm -rf "$SCRATCH"' EXIT
 failures=0
+# A sleep no other program runs at the same time, to find this run's processes.
+NAP="sleep 600.$$$RANDOM"
 
 check() { # check DESCRIPTION EXPECTED ACTUAL
     if [[ $2 == "$3" ]]; then
@@ -30,11 +32,11 @@ case_leaves_nothing_behind() {
     local before after
     before=$(host_state)
     "$TOVSIM" exec -- sh -c 'echo x >/home/TOV/x; echo y >/ramdisk/y; echo z >/etc/network/interfaces
-        echo w >/usr/lib/w; /sbin/reboot; sleep 60 & exit 5'
+        echo w >/usr/lib/w; /sbin/reboot; '"$NAP"' & exit 5'
     check "exit status of the command" 5 "$?"
     after=$(host_state)
     check "machine unchanged after a run" "$before" "$after"
-    check "no process of the unit left" "" "$(pgrep -fx 'sleep 60' || true)"
+    check "no process of the unit left" "" "$(pgrep -fx "$NAP" || true)"
     "$TOVSIM" exec --watchtower up --usb "$SCRATCH" -- sh -c 'pgrep -x sshd >/dev/null'
     check "the WATCHTOWER server runs in the unit" 0 "$?"
     check "machine unchanged after a run with a server and a stick" "$before" "$(host_state)"
@@ -111,15 +113,15 @@ TOV_BIN_NAME=tovQT
 case_stop_ends_the_unit() {
     local store=$SCRATCH/home pid status
     mkdir "$store"
-    "$TOVSIM" exec --home "$store" -- sh -c 'echo started >/home/mark; exec sleep 60' &
+    "$TOVSIM" exec --home "$store" -- sh -c 'echo started >/home/mark; exec '"$NAP" &
     pid=$!
-    for _ in $(seq 100); do pgrep -fx 'sleep 60' >/dev/null && break; sleep 0.1; done
+    for _ in $(seq 100); do pgrep -fx "$NAP" >/dev/null && break; sleep 0.1; done
     kill -TERM "$pid"
     wait "$pid"
     status=$?
     check "stopped command's status" 143 "$status"
     check "home saved after a stop" "started" "$(cat "$store/mark" 2>&1)"
-    check "no process of the unit left" "" "$(pgrep -fx 'sleep 60' || true)"
+    check "no process of the unit left" "" "$(pgrep -fx "$NAP" || true)"
 }
 
 case_bad_usage() {
