@@ -124,6 +124,43 @@ case_stop_ends_the_unit() {
     check "no process of the unit left" "" "$(pgrep -fx "$NAP" || true)"
 }
 
+case_boot_loop() {
+    # A stand-in for the bench: one phase per boot, then the hand-over of a passed third phase.
+    local bench=$SCRATCH/bench store=$SCRATCH/home out=$SCRATCH/out
+    cat >"$bench" <<'EOF'
+#!/bin/sh
+phase=$(head -n 1 /home/TOV/tov_test.cfg 2>/dev/null || echo 0)
+ls /ramdisk >>/home/ramdisk-seen
+touch /ramdisk/left-by-phase-$phase
+if [ "$phase" -ge 2 ]; then
+    sed -i 's/^TOV_BIN_NAME=tov_test/TOV_BIN_NAME=tovQT/' /home/TOV/tov_starter
+    rm /home/TOV/tov_test.cfg
+else
+    printf '%s\n0\n192.0.2.10\n' $((phase + 1)) >/home/TOV/tov_test.cfg
+fi
+/sbin/reboot
+exec sleep 600
+EOF
+    chmod +x "$bench"
+    mkdir "$store" "$out"
+    "$TOVSIM" exec --home "$store" --bind "$out" -- "$(dirname "$TOVSIM")/tovboot" --bench "$bench" --out "$out" >/dev/null
+    check "boot loop ends with the hand-over" 0 "$?"
+    check "boot log" "boot 1: phase file none, starter runs 'tov_test'
+  reboot requested
+boot 2: phase file 1, starter runs 'tov_test'
+  reboot requested
+boot 3: phase file 2, starter runs 'tov_test'
+  reboot requested
+boot 4: phase file none, starter runs 'tovQT'
+outcome: handed over to 'tovQT'
+journal of the unit:
+  /sbin/reboot
+  /sbin/reboot
+  /sbin/reboot" "$(cat "$out/boots.log")"
+    check "/ramdisk is empty at each boot" "" "$(cat "$store/ramdisk-seen")"
+    check "the starter is kept switched" "TOV_BIN_NAME=tovQT" "$(grep '^TOV_BIN_NAME=' "$store/TOV/tov_starter")"
+}
+
 case_bad_usage() {
     "$TOVSIM" exec --eth-chip dm9000c -- true 2>/dev/null
     check "unknown chip refused" 2 "$?"
