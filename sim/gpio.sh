@@ -104,6 +104,25 @@ gpio_stop() {
     GPIO_PID=""
 }
 
+# The first process at or under PID that lives in another mount namespace than ours: the unit
+# itself when PID is "tovsim exec" (or anything that started it), PID when it is in the unit.
+gpio_unit_process() {
+    local own queue=("$1") pid
+    own=$(readlink /proc/self/ns/mnt)
+    while [[ ${#queue[@]} -gt 0 ]]; do
+        pid=${queue[0]}
+        queue=("${queue[@]:1}")
+        local ns
+        ns=$(readlink "/proc/$pid/ns/mnt" 2>/dev/null) || continue
+        if [[ $ns != "$own" ]]; then
+            printf '%s\n' "$pid"
+            return 0
+        fi
+        queue+=($(pgrep -P "$pid" || true))
+    done
+    return 1
+}
+
 # tovsim gpio [--unit PID] [PIN | PIN=LEVEL]...
 cmd_gpio() {
     if [[ ${1-} == --unit ]]; then
@@ -111,6 +130,7 @@ cmd_gpio() {
         local pid=$2
         shift 2
         [[ $(id -u) -eq 0 ]] || die "reaching a unit needs root"
+        pid=$(gpio_unit_process "$pid") || die "no simulated unit at or under pid $2"
         exec nsenter -t "$pid" -m -- "$SELF" gpio "$@"
     fi
     [[ -e /run/tovsim/unit ]] || die "not inside a simulated unit: give --unit PID"
