@@ -671,6 +671,7 @@ int main(int argc, char** argv)
     char* fuseArgv[] = {arg0, optFlag, optValue, nullptr};
     struct fuse_args args = FUSE_ARGS_INIT(3, fuseArgv);
     struct fuse* fuse = fuse_new(&args, &ops, sizeof(ops), nullptr);
+    fuse_opt_free_args(&args);
     if (fuse == nullptr)
         return 1;
     int status = 1;

@@ -20,8 +20,10 @@ check() { # check DESCRIPTION EXPECTED ACTUAL
 host_state() {
     findmnt -rn -o TARGET | sort
     ls -d /ramdisk /home/TOV /etc/network /media/usb_drive /usr/lib/librefprop.so.9.12 2>&1
-    # Compilers of other builds on this machine come and go in /tmp as ccXXXXXX.*: not ours.
-    ls -A /mnt /tmp | grep -v "^$(basename "$SCRATCH")\$" | grep -Ev '^cc[[:alnum:]]{6}\.'
+    # Other builds and test runs on this machine come and go in /tmp (compilers' ccXXXXXX.*,
+    # other runs of these tests): not ours.
+    ls -A /mnt /tmp | grep -v "^$(basename "$SCRATCH")\$" |
+        grep -Ev '^(cc[[:alnum:]]{6}\.|tovsim-test\.|tovtest\.)'
     md5sum /usr/sbin/reboot /usr/bin/dmesg 2>&1
 }
 
