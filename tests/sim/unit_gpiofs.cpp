@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <chrono>
 #include <cstring>
 #include <fstream>
@@ -196,8 +197,13 @@ TEST(GpioSysfs, NetworkClassStillShowsTheUnitsInterfaces)
 {
     EXPECT_TRUE(isDirectory("/sys/class/net/lo"));
     EXPECT_EQ(readText("/sys/class/net/lo/operstate"), "unknown\n");
-    EXPECT_NE(statErrno("/sys/class/net/eth0"), 0) << "this unit has no eth0";
+    EXPECT_NE(statErrno("/sys/class/net/eth0"), 0) << "this unit has no eth0 yet";
     EXPECT_TRUE(isDirectory("/sys/class/tty"));
+    // Interfaces made later show up too, with a carrier once both ends are up.
+    ASSERT_EQ(system("ip link add eth0 type veth peer name srv0 && ip link set eth0 up && "
+                     "ip link set srv0 up"), 0);
+    EXPECT_TRUE(isDirectory("/sys/class/net/eth0"));
+    EXPECT_EQ(readText("/sys/class/net/eth0/carrier"), "1\n");
 }
 
 TEST(GpioSysfsInitialInputs, StartAtTheGivenLevels)
