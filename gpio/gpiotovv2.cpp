@@ -16,8 +16,8 @@ std::string pinDir(int pin)
     return kGpioDir + std::string("gpio") + std::to_string(pin);
 }
 
-// The sysfs attribute takes the whole write as one value: no line end, and the file is truncated
-// because the stream opens it that way (the emulated and the real sysfs both accept that).
+// A sysfs attribute takes one write as one value: no line end is needed, and the truncation the
+// stream asks for on opening is accepted and ignored.
 template <typename T>
 bool writeWord(const std::string& path, const T& word)
 {
