@@ -41,6 +41,13 @@ case_leaves_nothing_behind() {
     check "the WATCHTOWER server runs in the unit" 0 "$?"
     check "machine unchanged after a run with a server and a stick" "$before" "$(host_state)"
     check "no server left" "" "$(pgrep -x sshd || true)"
+    check "no GPIO emulator left" "" "$(pgrep -x gpiofs || true)"
+    # A process of the unit still holding a GPIO file open must not keep the emulator up.
+    "$TOVSIM" exec -- sh -c 'echo 202 >/sys/class/gpio/export
+        '"$NAP"' </sys/class/gpio/gpio202/value & exit 0'
+    check "exit status with a GPIO file held open" 0 "$?"
+    check "machine unchanged after a held GPIO file" "$before" "$(host_state)"
+    check "no GPIO emulator left after a held file" "" "$(pgrep -x gpiofs || true)"
     "$TOVSIM" exec -- /no/such/command 2>/dev/null
     check "a command that cannot start" 127 "$?"
     check "machine unchanged after a failed start" "$before" "$(host_state)"
@@ -168,6 +175,89 @@ case_bad_usage() {
     check "more used than the size refused" 2 "$?"
     "$TOVSIM" exec 2>/dev/null
     check "missing command refused" 2 "$?"
+    "$TOVSIM" exec --gpio-input 99=0 -- true 2>/dev/null
+    check "input of a pin the board lacks refused" 2 "$?"
+    "$TOVSIM" exec --gpio-input 202=high -- true 2>/dev/null
+    check "input level that is no number refused" 2 "$?"
+    "$TOVSIM" exec --gpio-script "$SCRATCH/none" -- true 2>/dev/null
+    check "missing GPIO script refused" 2 "$?"
+    printf '1.0 202\n' >"$SCRATCH/bad-script"
+    "$TOVSIM" exec --gpio-script "$SCRATCH/bad-script" -- true 2>/dev/null
+    check "GPIO script without a level refused" 2 "$?"
+    "$TOVSIM" exec --gpio-pins 1,,2 -- true 2>/dev/null
+    check "malformed pin list refused" 2 "$?"
+    TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec -- true 2>/dev/null
+    check "missing GPIO emulator refused" 2 "$?"
+    check "without the emulator, --no-gpio still runs" 0 \
+        "$(TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec --no-gpio -- true; echo $?)"
+    "$TOVSIM" gpio 202 2>/dev/null
+    check "gpio command outside a unit without --unit refused" 2 "$?"
+}
+
+case_gpio_layout() {
+    local out
+    out=$("$TOVSIM" exec -- sh -c 'ls /sys/class/gpio; ls /sys/class/net; grep gpio= /run/tovsim/unit
+        echo 136 >/sys/class/gpio/export; ls /sys/class/gpio/gpio136
+        echo out >/sys/class/gpio/gpio136/direction; echo 1 >/sys/class/gpio/gpio136/value
+        echo 136 >/sys/class/gpio/unexport; test -e /sys/class/gpio/gpio136 || echo removed
+        cat /run/tovsim/gpio.journal')
+    check "GPIO beside the unit's network class" "export
+unexport
+lo
+gpio=1
+direction
+value
+removed
+export 136
+direction 136 out
+value 136 1
+unexport 136" "$out"
+    out=$("$TOVSIM" exec --no-gpio -- sh -c 'ls /sys/class/gpio 2>&1 | wc -l; ls /sys/class/net
+        grep gpio= /run/tovsim/unit; ls /run/tovsim')
+    check "--no-gpio leaves GPIO out" "1
+lo
+gpio=0
+journal
+unit" "$out"
+    out=$("$TOVSIM" exec --gpio-input 200=0 --gpio-input 41=2 -- sh -c "$TOVSIM gpio; $TOVSIM gpio 41 202=0 202")
+    check "initial inputs and the gpio command inside the unit" "138 in 1
+135 in 1
+136 in 1
+230 in 1
+232 in 1
+200 in 0
+201 in 1
+202 in 1
+41 in 2
+42 in 1
+2
+0" "$out"
+}
+
+# A scenario on this machine drives an input of a running unit and reads an output back.
+case_gpio_control_from_outside() {
+    local out=$SCRATCH/out pid
+    "$TOVSIM" exec -- sh -c 'echo 202 >/sys/class/gpio/export; echo 135 >/sys/class/gpio/export
+        echo high >/sys/class/gpio/gpio135/direction
+        i=0; while [ "$(cat /sys/class/gpio/gpio202/value)" = 1 ] && [ $i -lt 300 ]; do
+            sleep 0.05; i=$((i + 1)); done
+        echo "seen $(cat /sys/class/gpio/gpio202/value)"; exec sleep 30' >"$out" &
+    pid=$!
+    # The unit is named by its launcher's pid; it answers once its command has set pin 135 up.
+    for _ in $(seq 100); do
+        [[ $("$TOVSIM" gpio --unit "$pid" 2>/dev/null | grep ^135) == "135 out 1 exported" ]] && break
+        sleep 0.1
+    done
+    check "output level read from outside" 1 "$("$TOVSIM" gpio --unit "$pid" 135)"
+    "$TOVSIM" gpio --unit "$pid" 202=0
+    for _ in $(seq 100); do grep -q seen "$out" && break; sleep 0.1; done
+    check "input set from outside seen inside" "seen 0" "$(cat "$out")"
+    check "state read from outside" "202 in 0 exported" \
+        "$("$TOVSIM" gpio --unit "$pid" | grep ^202)"
+    "$TOVSIM" gpio --unit "$pid" 99=1 2>/dev/null
+    check "unknown pin refused from outside" 2 "$?"
+    kill -TERM "$pid"
+    wait "$pid"
 }
 
 "case_$1"
