@@ -27,13 +27,10 @@ const char* const ROUTE_HEADING_FORMAT = "%*[^\n]\n";
 const char* const ROUTE_LINE_FORMAT = "%63s%X%X%X%d%d%d%X%d%d%d\n";
 const unsigned ROUTE_UP_GATEWAY = RTF_UP | RTF_GATEWAY;
 
-const int PING_PACKET_SIZE = 64;
+const int PING_PACKET_SIZE = IF_PING_PACKET_SIZE;
 const int PING_REPLY_SIZE = 406;
 const int PING_TIMEOUT_MS = 2000;
 const int CHECK_IP_TIMEOUT_S = 2;
-
-// Shared by every if_ping call: the packet layout below depends on bytes 8-15 never being written.
-unsigned char outpack[PING_PACKET_SIZE];
 
 struct RouteLine {
     char iface[64];
@@ -96,6 +93,9 @@ bool readCarrierText(const char* path, char* text, size_t size)
 }
 
 } // namespace
+
+// Shared by every if_ping call: the packet layout depends on bytes 8-15 never being written.
+unsigned char outpack[IF_PING_PACKET_SIZE];
 
 void ifc_init_ifr(const char* name, struct ifreq* ifr)
 {

@@ -12,6 +12,10 @@
 #include <cstdio>
 #include <string>
 
+// The echo request of the last if_ping: one buffer for all calls (not reentrant).
+constexpr int IF_PING_PACKET_SIZE = 64;
+extern unsigned char outpack[IF_PING_PACKET_SIZE];
+
 // Low level: C strings, IPv4 values in network byte order.
 void ifc_init_ifr(const char* name, struct ifreq* ifr);
 void init_sockaddr_in(struct sockaddr_in* sin, in_addr_t addr);
