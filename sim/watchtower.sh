@@ -17,7 +17,8 @@ watchtower_valid_mode() {
     case $1 in up|bad-password|full|no-dir|down) return 0 ;; *) return 1 ;; esac
 }
 
-# Starts the server listening on ADDRESS port 22 and waits until it accepts connections.
+# Starts the server on the server side of the unit's network (sim/net.sh), listening on ADDRESS
+# port 22; the caller waits for the port.
 watchtower_start() {
     local address=$1 mode=$2
     [[ $mode != down ]] || return 0
@@ -27,15 +28,7 @@ watchtower_start() {
     mount -t tmpfs -o "mode=0755,size=$home_size" watchtower-disk "$WATCHTOWER_DISK"
     [[ $mode == no-dir ]] || mkdir -p "$WATCHTOWER_DISK/TOV/tests_tov"
     chown -R "$WATCHTOWER_UID:$WATCHTOWER_UID" "$WATCHTOWER_DISK"
-    unshare --mount --propagation private -- "$SELF" __watchtower "$address" "$mode" &
-    local tries
-    for tries in $(seq 100); do
-        if [[ -n $(ss -Hltn "src $address and sport = :22" 2>/dev/null) ]]; then
-            return 0
-        fi
-        sleep 0.05
-    done
-    die "the WATCHTOWER server did not start on $address"
+    net_server_start unshare --mount --propagation private -- "$SELF" __watchtower "$address" "$mode"
 }
 
 # In the server's own mount namespace: account, home, host key, then sshd in the foreground.

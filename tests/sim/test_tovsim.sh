@@ -26,7 +26,11 @@ host_state() {
     # Only what tovsim itself could leave: other programs use /tmp while this runs.
     ls -A /tmp | grep '^tovsim\.' || true
     md5sum /usr/sbin/reboot /usr/bin/dmesg 2>&1
+    ip -o link show | awk -F': ' '{print $2}'
+    ls -A /run/netns 2>&1
 }
+
+LISTENER=${TOVSIM_BIN_DIR:-$(dirname "$TOVSIM")/../build/host/sim}/tov_tcplisten
 
 case_leaves_nothing_behind() {
     local before after
@@ -48,6 +52,7 @@ case_leaves_nothing_behind() {
     check "exit status with a GPIO file held open" 0 "$?"
     check "machine unchanged after a held GPIO file" "$before" "$(host_state)"
     check "no GPIO emulator left after a held file" "" "$(pgrep -x gpiofs || true)"
+    check "no server of the unit left" "" "$(pgrep -f "$LISTENER" || true)"
     "$TOVSIM" exec -- /no/such/command 2>/dev/null
     check "a command that cannot start" 127 "$?"
     check "machine unchanged after a failed start" "$before" "$(host_state)"
@@ -57,7 +62,7 @@ case_unit_layout() {
     local out
     out=$("$TOVSIM" exec -- sh -c 'cat /home/TOV/tov_starter; stat -f -c "%b %a %S" /home
         ls /usr/lib/librefprop.so.9.12; ls /run/tovsim/unit; test -d /ramdisk && echo ramdisk
-        cat /etc/network/interfaces; ip -o link show | cut -d: -f2')
+        cat /etc/network/interfaces; ls /sys/class/net')
     check "unit layout" "#!/bin/sh
 # Starts the unit's application at boot.
 TOV_BIN_NAME=tov_test
@@ -73,7 +78,9 @@ auto eth0
 allow-hotplug eth0
 iface eth0 inet dhcp
 
- lo" "$out"
+eth0
+lo
+wlan0" "$out"
     out=$("$TOVSIM" exec --no-refprop --no-ramdisk --home-used 44 --home-size 100 -- sh -c \
         'ls /usr/lib/librefprop.so.9.12 /ramdisk 2>&1 | wc -l; df -B1M --output=size,used /home | tail -1 | tr -s " "')
     check "options leave things out and size /home" "2
@@ -166,6 +173,84 @@ journal of the unit:
   /sbin/reboot" "$(cat "$out/boots.log")"
     check "/ramdisk is empty at each boot" "" "$(cat "$store/ramdisk-seen")"
     check "the starter is kept switched" "TOV_BIN_NAME=tovQT" "$(grep '^TOV_BIN_NAME=' "$store/TOV/tov_starter")"
+    check "no server of the unit left" "" "$(pgrep -f "$LISTENER" || true)"
+}
+
+# Prints what the unit's network looks like from inside: links and their carriers, addresses,
+# routes, and whether the server's port 22 answers.
+NET_PROBE='for i in eth0 wlan0; do printf "%s " "$i"; cat /sys/class/net/$i/carrier 2>&1 | sed "s/.*No such.*/none/"; done
+    ip -o -4 addr show dev eth0 | awk "{print \$4}"; ip route
+    timeout 5 bash -c "exec 3<>/dev/tcp/192.0.2.10/22" 2>/dev/null && echo "port 22 open" || echo "port 22 shut"
+    grep -E "^(cable|dongle|server)=" /run/tovsim/unit'
+
+case_network() {
+    local out
+    out=$("$TOVSIM" exec -- sh -c "$NET_PROBE")
+    check "default network" "eth0 1
+wlan0 0
+192.0.2.2/24
+default via 192.0.2.10 dev eth0 
+192.0.2.0/24 dev eth0 proto kernel scope link src 192.0.2.2 
+port 22 open
+cable=plugged
+dongle=present
+server=up" "$out"
+    out=$("$TOVSIM" exec --cable unplugged --dongle absent -- sh -c "$NET_PROBE")
+    check "cable unplugged, no dongle" "eth0 0
+wlan0 none
+192.0.2.2/24
+default via 192.0.2.10 dev eth0 linkdown 
+192.0.2.0/24 dev eth0 proto kernel scope link src 192.0.2.2 linkdown 
+port 22 shut
+cable=unplugged
+dongle=absent
+server=up" "$out"
+    out=$("$TOVSIM" exec --server down -- sh -c "$NET_PROBE" | sed -n '1p;6p;9p')
+    check "server cut off, cable in" "eth0 1
+port 22 shut
+server=down" "$out"
+    out=$("$TOVSIM" exec -- sh -c '/run/tovsim/cable unplugged; cat /sys/class/net/eth0/carrier
+        /run/tovsim/cable plugged; cat /sys/class/net/eth0/carrier; /run/tovsim/cable loose; echo $?' 2>/dev/null)
+    check "cable control inside the unit" "0
+1
+2" "$out"
+}
+
+case_networking_applies_static_eth0() {
+    local out
+    out=$("$TOVSIM" exec -- sh -c 'printf "auto eth0\niface eth0 inet static\n address 192.0.2.77\n netmask 255.255.255.128\n gateway 192.0.2.1\n" >/etc/network/interfaces
+        /etc/init.d/networking stop; ip -o -4 addr show dev eth0 | awk "{print \$4}"
+        /etc/init.d/networking restart; ip -o -4 addr show dev eth0 | awk "{print \$4}"; ip route; cat /run/tovsim/journal')
+    check "static eth0 applied on restart only" "192.0.2.2/24
+192.0.2.77/25
+default via 192.0.2.1 dev eth0 
+192.0.2.0/25 dev eth0 proto kernel scope link src 192.0.2.77 
+/etc/init.d/networking stop
+/etc/init.d/networking restart" "$out"
+}
+
+case_cable_from_this_machine() {
+    local name=tovsim-test-$$ pid
+    "$TOVSIM" exec --name "$name" -- sh -c 'carrier() { cat /sys/class/net/eth0/carrier; }
+        echo "carrier $(carrier)"
+        for i in $(seq 200); do [ "$(carrier)" = 0 ] && break; sleep 0.05; done; echo "carrier $(carrier)"
+        for i in $(seq 200); do [ "$(carrier)" = 1 ] && break; sleep 0.05; done; echo "carrier $(carrier)"' \
+        >"$SCRATCH/out" &
+    pid=$!
+    # The cable command waits for the unit to be up.
+    "$TOVSIM" cable "$name" unplugged
+    check "cable command status" 0 "$?"
+    "$TOVSIM" exec --name "$name" -- true 2>/dev/null
+    check "a second unit with the same name refused" 2 "$?"
+    "$TOVSIM" cable "$name" plugged
+    wait "$pid"
+    check "the running command saw the cable pulled and put back" "carrier 1
+carrier 0
+carrier 1" "$(cat "$SCRATCH/out")"
+    "$TOVSIM" cable "$name" plugged 2>/dev/null
+    check "no unit of that name any more" 2 "$?"
+    "$TOVSIM" cable "$name" loose 2>/dev/null
+    check "unknown cable state refused" 2 "$?"
 }
 
 case_bad_usage() {
@@ -258,6 +343,12 @@ case_gpio_control_from_outside() {
     check "unknown pin refused from outside" 2 "$?"
     kill -TERM "$pid"
     wait "$pid"
+    "$TOVSIM" exec --dongle maybe -- true 2>/dev/null
+    check "unknown dongle state refused" 2 "$?"
+    "$TOVSIM" exec --server sideways -- true 2>/dev/null
+    check "unknown server state refused" 2 "$?"
+    "$TOVSIM" exec --name 'a b' -- true 2>/dev/null
+    check "bad unit name refused" 2 "$?"
 }
 
 "case_$1"
