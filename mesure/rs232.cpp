@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -145,7 +146,10 @@ int RS232_PollComport(int comport_number, unsigned char* buf, int size)
 {
     if (!validPort(comport_number) || buf == nullptr || size < 0)
         return -1;
-    return static_cast<int>(read(Cport[comport_number], buf, static_cast<size_t>(size)));
+    const ssize_t n = read(Cport[comport_number], buf, static_cast<size_t>(size));
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return 0; // the port is non-blocking: nothing waiting is not an error
+    return static_cast<int>(n);
 }
 
 int RS232_ReadCharComport(int comport_number, unsigned char* byte)
