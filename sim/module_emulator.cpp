@@ -10,7 +10,7 @@
 // v2-unconfigured, v2-cut, noise. --values: for V1 the five 5-digit fields, for V2 up to seven
 // floats, comma-separated. --ready receives the pty slave's path once the port is ready; --log
 // gets one line per request heard ("request HEX", "garbled HEX" when the line speed is not the
-// module's) and per answer ("answer HEX").
+// module's, "unknown HEX" for bytes that make no request) and per answer ("answer HEX").
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
@@ -55,6 +55,8 @@ struct Module {
     Bytes config;
     float datas[7] = {};
     std::string v1Fields[5] = {"00500", "07410", "06500", "08000", "12000"};
+    Bytes garbled; // heard at a speed not the module's, since the last silence
+    Bytes unknown; // heard at the right speed but not a request
 };
 
 // CRC-16/XMODEM, bit by bit.
@@ -231,13 +233,9 @@ Bytes v2Answer(Module& m, uint8_t cmd, const Bytes& payload)
     }
 }
 
-bool speedMatches(Module& m, const Bytes& request)
+int moduleBaud(const Module& m)
 {
-    const int baud = m.opt.baud ? m.opt.baud : (m.v1 ? 2400 : 9600);
-    if (lineBaud(m) == baud)
-        return true;
-    logLine(m, "garbled", request);
-    return false;
+    return m.opt.baud ? m.opt.baud : (m.v1 ? 2400 : 9600);
 }
 
 void answer(Module& m, Bytes reply)
@@ -253,8 +251,6 @@ void answer(Module& m, Bytes reply)
 void onV1Poll(Module& m, const Bytes& request)
 {
     logLine(m, "request", request);
-    if (!speedMatches(m, request))
-        return;
     const std::string& s = m.opt.scenario;
     ++m.polls;
     if (s == "v1-init-only" && m.polls > 1)
@@ -279,10 +275,13 @@ void consumeV1(Module& m, Bytes& buf)
         while (i + 4 <= buf.size() && memcmp(buf.data() + i, poll, 4) != 0)
             ++i;
         if (i + 4 > buf.size()) {
-            if (buf.size() > 3)
+            if (buf.size() > 3) {
+                m.unknown.insert(m.unknown.end(), buf.begin(), buf.end() - 3);
                 buf.erase(buf.begin(), buf.end() - 3);
+            }
             return;
         }
+        m.unknown.insert(m.unknown.end(), buf.begin(), buf.begin() + static_cast<long>(i));
         size_t end = i + 4;
         if (end < buf.size() && buf[end] == 0x00)
             ++end;
@@ -297,6 +296,7 @@ void consumeV2(Module& m, Bytes& buf)
     while (buf.size() >= 6) {
         const size_t n = buf[1] | (buf[2] << 8);
         if (buf[0] != 0x01 || n > 255) {
+            m.unknown.push_back(buf[0]);
             buf.erase(buf.begin());
             continue;
         }
@@ -304,6 +304,7 @@ void consumeV2(Module& m, Bytes& buf)
             return;
         const uint16_t crc = static_cast<uint16_t>(buf[4] | (buf[5] << 8));
         if (crc != crc16(buf.data() + 6, n)) {
+            m.unknown.push_back(buf[0]);
             buf.erase(buf.begin());
             continue;
         }
@@ -315,8 +316,7 @@ void consumeV2(Module& m, Bytes& buf)
         Bytes request(buf.begin(), buf.begin() + static_cast<long>(end));
         buf.erase(buf.begin(), buf.begin() + static_cast<long>(end));
         logLine(m, "request", request);
-        if (speedMatches(m, request))
-            answer(m, v2Answer(m, cmd, payload));
+        answer(m, v2Answer(m, cmd, payload));
     }
 }
 
@@ -409,7 +409,7 @@ bool setup(Module& m)
     struct termios tio;
     tcgetattr(m.slave, &tio);
     cfmakeraw(&tio);
-    const int baud = m.opt.baud ? m.opt.baud : (m.v1 ? 2400 : 9600);
+    const int baud = moduleBaud(m);
     cfsetispeed(&tio, baudToSpeed(baud));
     cfsetospeed(&tio, baudToSpeed(baud));
     tcsetattr(m.slave, TCSANOW, &tio);
@@ -444,10 +444,15 @@ void run(Module& m)
                 sleepUs(10000);
                 continue;
             }
+            pending = true;
+            if ((m.v1 || m.v2) && lineBaud(m) != moduleBaud(m)) {
+                // What a module hears from a line at another speed is garbage: no answer.
+                m.garbled.insert(m.garbled.end(), chunk, chunk + n);
+                continue;
+            }
             buf.insert(buf.end(), chunk, chunk + n);
             if (buf.size() > 4096)
                 buf.erase(buf.begin(), buf.end() - 512);
-            pending = true;
             if (m.v1)
                 consumeV1(m, buf);
             else if (m.v2)
@@ -456,6 +461,14 @@ void run(Module& m)
         }
         // 20 ms of silence ends whatever was heard.
         pending = false;
+        if (!m.garbled.empty())
+            logLine(m, "garbled", m.garbled);
+        m.garbled.clear();
+        if (m.v1 || m.v2)
+            m.unknown.insert(m.unknown.end(), buf.begin(), buf.end());
+        if (!m.unknown.empty())
+            logLine(m, "unknown", m.unknown);
+        m.unknown.clear();
         if (buf.empty())
             continue;
         if (m.opt.scenario == "noise")
