@@ -351,5 +351,30 @@ case_gpio_control_from_outside() {
     check "bad unit name refused" 2 "$?"
 }
 
+case_module() {
+    local out
+    out=$("$TOVSIM" exec --module v2 --module-version 1.5 -- sh -c 'test -c /dev/ttySAC1 && echo port
+        test -c /dev/rs485_Ctrl && echo ctrl; grep ^module= /run/tovsim/unit
+        pgrep -x module_emulator >/dev/null && echo emulator')
+    check "module scenario, port and control node" "port
+ctrl
+module=v2
+emulator" "$out"
+    check "no emulator left" "" "$(pgrep -x module_emulator || true)"
+    out=$("$TOVSIM" exec -- sh -c 'grep ^module= /run/tovsim/unit; test -c /dev/ttySAC1 && echo port')
+    check "by default the port is there and no module answers" "module=none
+port" "$out"
+    "$TOVSIM" exec --module v3 -- true 2>/dev/null
+    check "unknown scenario refused" 2 "$?"
+    "$TOVSIM" exec --module v1 --module-values 'a;b' -- true 2>/dev/null
+    check "values that are not numbers refused" 2 "$?"
+    "$TOVSIM" exec --module v1 --module-values 1,2 -- true 2>/dev/null
+    check "values the emulator cannot use refused" 2 "$?"
+    TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec --module v1 -- true 2>/dev/null
+    check "a module without its emulator refused" 2 "$?"
+    check "no module emulator in the default unit without it" "no port" \
+        "$(TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec -- sh -c 'test -e /dev/ttySAC1 && echo port || echo no port')"
+}
+
 "case_$1"
 [[ $failures -eq 0 ]]

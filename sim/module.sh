@@ -1,0 +1,54 @@
+# Measurement module on the unit's RS-485 bus (sourced by tovsim).
+#
+# The unit's "/dev/ttySAC1" is the slave of a pty whose master module_emulator holds; it answers
+# as the scenario says, paced at the line's baud rate. "/dev/rs485_Ctrl" is /dev/null: the
+# direction ioctls fail there (ENOTTY) and the drivers say so at every request, as on a board
+# whose control device is missing. The emulator logs what it hears and says to
+# /run/tovsim/module.log.
+
+MODULE_SCENARIOS="none v1 v1-echo v1-bad-header v1-init-only v1-cut v2 v2-faulty v2-unconfigured v2-cut noise"
+
+module_defaults() {
+    TOVSIM_MODULE=none TOVSIM_MODULE_SET=0 TOVSIM_MODULE_VALUES="" TOVSIM_MODULE_VERSION=2.5
+}
+
+# module_option OPTION VALUE: one of the --module* options of tovsim exec.
+module_option() {
+    case $1 in
+        --module)
+            [[ " $MODULE_SCENARIOS " == *" $2 "* ]] || die "unknown module scenario '$2'"
+            TOVSIM_MODULE=$2 TOVSIM_MODULE_SET=1 ;;
+        --module-values)
+            [[ $2 =~ ^[-0-9.,]+$ ]] || die "--module-values takes numbers separated by commas"
+            TOVSIM_MODULE_VALUES=$2 ;;
+        --module-version)
+            [[ $2 =~ ^-?[0-9]+(\.[0-9]+)?$ ]] || die "--module-version takes a number"
+            TOVSIM_MODULE_VERSION=$2 ;;
+    esac
+}
+
+# Inside the unit, after pivot_root: the control node, then the emulator and the serial port.
+setup_module() {
+    local emulator=$TOVSIM_BIN_DIR/module_emulator ready=/run/tovsim/module.pty pid
+    touch /dev/rs485_Ctrl
+    mount --bind /dev/null /dev/rs485_Ctrl
+    if [[ ! -x $emulator ]]; then
+        # Without the emulator a unit still starts, with no serial port, unless a module was asked for.
+        [[ $TOVSIM_MODULE_SET == 0 ]] || die "no module emulator in '$TOVSIM_BIN_DIR' (build sim/)"
+        return 0
+    fi
+    local args=(--scenario "$TOVSIM_MODULE" --version "$TOVSIM_MODULE_VERSION"
+                --ready "$ready" --log /run/tovsim/module.log)
+    [[ -z $TOVSIM_MODULE_VALUES ]] || args+=(--values "$TOVSIM_MODULE_VALUES")
+    "$emulator" "${args[@]}" </dev/null >/dev/null 2>>/run/tovsim/module.err &
+    pid=$!
+    for _ in $(seq 500); do
+        [[ -s $ready ]] && break
+        kill -0 "$pid" 2>/dev/null || die "module emulator failed: $(cat /run/tovsim/module.err)"
+        sleep 0.01
+    done
+    [[ -s $ready ]] || die "module emulator did not start"
+    touch /dev/ttySAC1
+    mount --bind "$(cat "$ready")" /dev/ttySAC1
+    printf 'module=%s\n' "$TOVSIM_MODULE" >>/run/tovsim/unit
+}
