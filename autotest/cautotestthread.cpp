@@ -1,6 +1,11 @@
 #include "autotest/cautotestthread.h"
 
+#include "gpio/gpiov2.h"
+#include "mesure/ccomrs485.h"
+#include "mesure/mesv1modul.h"
+#include "mesure/mesv2modul.h"
 #include "mesure/rwktimer.h"
+#include "net/ifaceops.h"
 #include "sftp/curl_wrapper.h"
 #include "utils/fileops.h"
 #include "utils/systemops.h"
@@ -83,8 +88,12 @@ void cAutoTestThread::run()
     checkNandRead();
     checkTransfer(connected);
     checkFluidLibrary();
-    checkRelaysAndInputs();
-    checkModule();
+    // The pins, the timer and the port live until the end of the run.
+    gpioV2 gpio;
+    rwkTimer timer;
+    checkRelaysAndInputs(gpio, timer);
+    CComRS485 link;
+    checkModule(link);
     finish();
 }
 
@@ -117,15 +126,15 @@ bool cAutoTestThread::checkDongle()
         return false;
     }
     report(tr("Dongle USB WIFI branché OK"));
-    // The interface probes are not built in yet: the wireless network counts as not started.
-    return false;
+    if (!isWifi_Started())
+        return false;
+    report(tr("Réseau WIFI configuré OK"));
+    return true;
 }
 
 bool cAutoTestThread::checkCable(bool wifi)
 {
-    // The interface probes are not built in yet: the cable counts as absent.
-    const bool plugged = false;
-    if (plugged) {
+    if (isETH0_Cable_Plugged() == 1) {
         report(tr("Câble Réseau Ethernet branché/configuré OK"));
         return true;
     }
@@ -141,7 +150,10 @@ bool cAutoTestThread::checkServer(bool cable, bool wifi)
 {
     if (!cable && !wifi)
         return false;
-    // The interface probes are not built in yet: the server counts as unreachable.
+    if (checkInternet_Status(m_serverAddress.c_str(), "22") != 0) {
+        report(tr("Connection vers WATCHTOWER réussi, Internet port 22 OK"));
+        return true;
+    }
     fail(tr("ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux"));
     return false;
 }
@@ -201,22 +213,100 @@ void cAutoTestThread::checkFluidLibrary()
         fail(tr("ERREUR librairie VITRANOL pas installée"));
 }
 
-void cAutoTestThread::checkRelaysAndInputs()
+void cAutoTestThread::checkRelaysAndInputs(gpioV2& gpio, rwkTimer& timer)
 {
     static int KillJobInMs = 0;
-    rwkTimer timer;
     KillJobInMs = timer.elapsed() + kRelayTestMs;
     report(tr("Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes"));
-    // The board's pins are not built in yet: the inputs are not read and no relay is driven.
-    while (timer.elapsed() <= KillJobInMs) {
-    }
+    // -1 never matches a pin state: the first pass prints every input.
+    int compressor = -1, central = -1, reserve = -1, dip1 = -1, dip2 = -1;
+    // A tight poll on purpose: an input toggled by the operator shows at once.
+    do {
+        reportInputChange(gpio, 200, compressor, tr("GPIO TOR MARCHE COMPRESSEUR= %1"));
+        reportInputChange(gpio, 201, central, tr("GPIO TOR MARCHE CENTRAL= %1"));
+        if (reportInputChange(gpio, 202, reserve, tr("GPIO TOR RESERVE= %1"))) {
+            // The reserve input drives every relay, so the operator can hear them all switch.
+            gpio.setGPIO_State(136, reserve);
+            report(tr("GPIO Relais ALARME NIVEAU BAS sur %1").arg(reserve));
+            gpio.setGPIO_State(138, reserve);
+            report(tr("GPIO Relais ALARME INVERSEUR sur %1").arg(reserve));
+            gpio.setGPIO_State(135, reserve);
+            report(tr("GPIO Relais ALIM BUS MODULES sur %1").arg(reserve));
+        }
+        reportInputChange(gpio, 42, dip1, tr("GPIO TOR DIPSWITCH_SW2_1= %1"));
+        reportInputChange(gpio, 41, dip2, tr("GPIO TOR DIPSWITCH_SW2_2= %1"));
+    } while (timer.elapsed() <= KillJobInMs);
     timer.stop();
 }
 
-void cAutoTestThread::checkModule()
+bool cAutoTestThread::reportInputChange(gpioV2& gpio, int pin, int& lastSeen, const QString& line)
 {
-    // The RS-485 module drivers are not built in yet: no module can be detected.
-    fail(tr("ERREUR Aucun Modul MesureV1 ou V2 Détecté"));
+    const int state = gpio.getGPIO_State(pin);
+    if (state == lastSeen)
+        return false;
+    lastSeen = state;
+    report(line.arg(state));
+    return true;
+}
+
+void cAutoTestThread::checkModule(CComRS485& link)
+{
+    MesV1Modul v1(&link);
+    if (v1.CMV1_initComm()) {
+        report(tr("Modul MesureV1 Détecté OK"));
+        // The exchange fails with a negative code, which is not "false" as an int: test the sign.
+        if (v1.CM1_sendTo() <= 0) {
+            fail(tr("ERREUR RS485 Modul MesureV1"));
+        } else {
+            cmV1_datas_t data{};
+            v1.cfg_getCMv1_Data(&data);
+            reportValues(data.values[0], data.values[4], data.values[1], data.values[3], data.values[2]);
+        }
+    }
+    if (v1.isCMv1connected())
+        return;
+    checkModuleV2(link);
+}
+
+void cAutoTestThread::checkModuleV2(CComRS485& link)
+{
+    MesV2Modul v2(&link);
+    if (!v2.CMinit_Comm()) {
+        fail(tr("ERREUR Aucun Modul MesureV1 ou V2 Détecté"));
+        return;
+    }
+    report(tr("Modul MesureV2 version:%1 Détecté OK").arg(double(v2.getCFG_struct(114).valueAsFloat())));
+    // Unlike V1, a non-zero answer is the failure here.
+    if (v2.CM_sendTo(13) != 0) {
+        fail(tr("ERREUR RS485 Modul MesureV2"));
+        return;
+    }
+    cm_datas_t data{};
+    v2.cfg_getCM_Data(&data);
+    const float weight = data.values[0], pressure = data.values[1], inlet = data.values[2];
+    const float outlet = data.values[3], outside = data.values[4];
+    reportValues(weight, pressure, outlet, inlet, outside);
+    // The module marks a faulty sensor with exactly these values.
+    if (pressure == 999.0f) // printed only: the unit works without its high-pressure sensor
+        report(tr("ERREUR Sonde PRESSION HP, veuillez vérifier!"));
+    if (outlet == 999.0f)
+        fail(tr("ERREUR Sonde PT100 SORTIE, veuillez vérifier!"));
+    if (inlet == 999.0f)
+        fail(tr("ERREUR Sonde PT100 ENTREE, veuillez vérifier!"));
+    if (outside == 999.0f)
+        fail(tr("ERREUR Sonde PT100 EXTERIEURE, veuillez vérifier!"));
+    if (weight == -999.0f)
+        fail(tr("ERREUR POIDS Jauge de Contrainte, veuillez vérifier!"));
+}
+
+void cAutoTestThread::reportValues(float weight, float pressure, float outlet, float inlet, float outside)
+{
+    report(tr("Poids= %1, PR= %2, T_SOR= %3, T_ENT= %4, T_EXT= %5")
+               .arg(double(weight))
+               .arg(double(pressure))
+               .arg(double(outlet))
+               .arg(double(inlet))
+               .arg(double(outside)));
 }
 
 void cAutoTestThread::finish()

@@ -8,6 +8,10 @@
 
 #include <string>
 
+class CComRS485;
+class gpioV2;
+class rwkTimer;
+
 class cAutoTestThread : public QThread {
     Q_OBJECT
 
@@ -47,8 +51,11 @@ private:
     void checkNandRead();
     void checkTransfer(bool connected);
     void checkFluidLibrary();
-    void checkRelaysAndInputs();
-    void checkModule();
+    void checkRelaysAndInputs(gpioV2& gpio, rwkTimer& timer);
+    bool reportInputChange(gpioV2& gpio, int pin, int& lastSeen, const QString& line);
+    void checkModule(CComRS485& link);
+    void checkModuleV2(CComRS485& link);
+    void reportValues(float weight, float pressure, float outlet, float inlet, float outside);
     void finish();
 
     std::string m_serverAddress;

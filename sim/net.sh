@@ -49,8 +49,9 @@ cmd_cable() {
     net_check_option --name "$1"
     net_check_option --cable "$2"
     [[ $(id -u) -eq 0 ]] || die "the simulated unit needs root"
-    # A unit just started may not be up yet: give it a few seconds to appear with its cable.
-    local pid="" deadline=$((SECONDS + 5))
+    # A unit just started may not be up yet (a loaded machine takes seconds to start its servers):
+    # give it time to appear with its cable.
+    local pid="" deadline=$((SECONDS + 30))
     while :; do
         pid=$(net_find_unit "$1") && nsenter -t "$pid" -m -r -- test -x "$NET_CABLE_SCRIPT" 2>/dev/null &&
             break

@@ -16,8 +16,15 @@
 
 #include <algorithm>
 #include <fstream>
+#include <ostream>
 #include <string>
 #include <vector>
+
+// Lines show as text in failure messages.
+void PrintTo(const QString& text, std::ostream* out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
 
 using tovtest::readText;
 using tovtest::writeText;
@@ -84,9 +91,53 @@ int indexOf(const QStringList& lines, const QString& line)
     return static_cast<int>(lines.indexOf(line));
 }
 
+// The stage lines after the date, on a unit that passes everything: the server takes the file,
+// the inputs rest (each reads 0) and a V2 module answers with the emulator's default values.
+QStringList goodStageLines()
+{
+    return {
+        "Dongle USB WIFI branché OK",
+        "Réseau WIFI configuré OK",
+        "Câble Réseau Ethernet branché/configuré OK",
+        "Connection vers WATCHTOWER réussi, Internet port 22 OK",
+        "Démarrage du test ECRITURE/LECTURE NAND",
+        "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs",
+        "Test Lecture fichier de 256 lignes OK",
+        "Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
+        "Fichier TOV_TEST.MSR transféré sur WATCHTOWER OK",
+        "Librairie VITRANOL installée OK",
+        "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes",
+        "GPIO TOR MARCHE COMPRESSEUR= 0",
+        "GPIO TOR MARCHE CENTRAL= 0",
+        "GPIO TOR RESERVE= 0",
+        "GPIO Relais ALARME NIVEAU BAS sur 0",
+        "GPIO Relais ALARME INVERSEUR sur 0",
+        "GPIO Relais ALIM BUS MODULES sur 0",
+        "GPIO TOR DIPSWITCH_SW2_1= 0",
+        "GPIO TOR DIPSWITCH_SW2_2= 0",
+        "Modul MesureV2 version:2.5 Détecté OK",
+        "Poids= 125.5, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5",
+        "AutoTest Terminer!",
+    };
+}
+
+// The lines between the first and the second given one, both excluded.
+QStringList linesBetween(const QStringList& lines, const QString& first, const QString& last)
+{
+    const int from = indexOf(lines, first);
+    const int to = indexOf(lines, last);
+    if (from < 0 || to < from)
+        return {"missing '" + first + "' or '" + last + "'"};
+    return lines.mid(from + 1, to - from - 1);
+}
+
+const QString kRelayStage = QStringLiteral("Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes");
+const QString kEndLine = QStringLiteral("AutoTest Terminer!");
+
 } // namespace
 
-TEST(TestThread, RunOnAGoodUnitWithoutNetworkOrModule)
+// Units of TestThread.*: every peer healthy (see CMakeLists.txt).
+TEST(TestThread, RunOnAGoodUnit)
 {
     const RunRecord run = runThread();
     ASSERT_EQ(run.endSignals, 1);
@@ -97,24 +148,16 @@ TEST(TestThread, RunOnAGoodUnitWithoutNetworkOrModule)
                     .match(run.lines[3])
                     .hasMatch())
         << run.lines[3].toStdString();
-    const QStringList rest = run.lines.mid(4);
-    const QStringList expected = {
-        "ERREUR Dongle USB WIFI NON branché/configuré, veuillez vérifier !",
-        "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !",
-        "Démarrage du test ECRITURE/LECTURE NAND",
-        "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs",
-        "Test Lecture fichier de 256 lignes OK",
-        "Librairie VITRANOL installée OK",
-        "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes",
-        "ERREUR Aucun Modul MesureV1 ou V2 Détecté",
-        "AutoTest Terminer!",
-    };
-    EXPECT_EQ(rest, expected);
-    // Counted: the cable (no wireless either) and the missing module; not the dongle.
-    EXPECT_EQ(run.errors, 2);
+    EXPECT_EQ(run.lines.mid(4), goodStageLines());
+    EXPECT_EQ(run.errors, 0);
     EXPECT_GE(run.msFromEndLineToSignal, 5000);
-    // Without a connection the measurement file is not kept.
-    EXPECT_FALSE(std::ifstream(kMeasureFile).good());
+    // The file stays after the transfer, and the server holds the same bytes.
+    const std::string local = readText(kMeasureFile);
+    EXPECT_EQ(local.size(), run.measureFileWhenWritten.size());
+    EXPECT_EQ(readText("/run/tovsim/watchtower/TOV/tests_tov/tov_test.msr"), local);
+    // The relays were driven with the reserve input's level, in this order.
+    const std::string journal = readText("/run/tovsim/gpio.journal");
+    EXPECT_NE(journal.find("value 136 0\nvalue 138 0\nvalue 135 0\n"), std::string::npos) << journal;
 }
 
 TEST(TestThread, MeasurementFileHasKnownSizeAndContent)
@@ -156,7 +199,7 @@ TEST(TestThread, EarlierMeasurementFileIsAppendedTo)
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 257);
     EXPECT_GE(indexOf(run.lines, "Test Lecture fichier de 256 lignes OK"), 0);
     // The reset flag, set while the run went on, counts one more.
-    EXPECT_EQ(run.errors, 3);
+    EXPECT_EQ(run.errors, 1);
 }
 
 TEST(TestThreadUpload, MeasurementFileReachesTheServer)
@@ -182,7 +225,7 @@ TEST(TestThreadUsed44NoLibrary, SmallUseOfStorageAndMissingLibraryFail)
     EXPECT_EQ(run.lines.value(3), "ERREUR Espace de Stockage NAND Inutilisable");
     EXPECT_GE(indexOf(run.lines, "ERREUR librairie VITRANOL pas installée"), 0);
     EXPECT_LT(indexOf(run.lines, "Librairie VITRANOL installée OK"), 0);
-    EXPECT_EQ(run.errors, 4);
+    EXPECT_EQ(run.errors, 2);
 }
 
 TEST(TestThreadUsed45, StorageWithMoreThan44MBUsedPasses)
@@ -190,7 +233,7 @@ TEST(TestThreadUsed45, StorageWithMoreThan44MBUsedPasses)
     const RunRecord run = runThread();
     EXPECT_EQ(run.lines.mid(0, 3), headLines("Espace de Stockage (libre/total): 83Mo/128Mo"));
     EXPECT_LT(indexOf(run.lines, "ERREUR Espace de Stockage NAND Inutilisable"), 0);
-    EXPECT_EQ(run.errors, 2);
+    EXPECT_EQ(run.errors, 0);
 }
 
 TEST(TestThreadFullHome, WriteFailureIsReportedAndCounted)
@@ -202,4 +245,117 @@ TEST(TestThreadFullHome, WriteFailureIsReportedAndCounted)
     const RunRecord run = runThread();
     EXPECT_GE(indexOf(run.lines, "ERREUR Echec Test Ecriture fichier .msr"), 0);
     EXPECT_LT(indexOf(run.lines, "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs"), 0);
+    EXPECT_GE(run.errors, 1);
+}
+
+// Network scenarios: each suite runs in a unit with the cable, dongle or server it names.
+TEST(TestThreadNoNetwork, DongleAndCableFailOnlyTheCableCountsAndNoTransfer)
+{
+    const RunRecord run = runThread();
+    const QStringList expected = {
+        "ERREUR Dongle USB WIFI NON branché/configuré, veuillez vérifier !",
+        "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !",
+        "Démarrage du test ECRITURE/LECTURE NAND",
+        "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs",
+        "Test Lecture fichier de 256 lignes OK",
+        "Librairie VITRANOL installée OK",
+        kRelayStage,
+    };
+    EXPECT_EQ(run.lines.mid(4, expected.size()), expected);
+    EXPECT_EQ(run.lines.mid(run.lines.size() - 2),
+              QStringList({"ERREUR Aucun Modul MesureV1 ou V2 Détecté", kEndLine}));
+    // Counted: the cable (no wireless either) and the missing module; not the dongle.
+    EXPECT_EQ(run.errors, 2);
+    // Without a connection the measurement file is not kept.
+    EXPECT_FALSE(std::ifstream(kMeasureFile).good());
+}
+
+TEST(TestThreadWirelessOnly, CableErrorIsNotCountedAndTheServerIsTried)
+{
+    const RunRecord run = runThread();
+    const QStringList expected = {
+        "Dongle USB WIFI branché OK",
+        "Réseau WIFI configuré OK",
+        "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !",
+        "ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux",
+        "Démarrage du test ECRITURE/LECTURE NAND",
+    };
+    EXPECT_EQ(run.lines.mid(4, expected.size()), expected);
+    // Counted: the unreachable server only (this unit's module answers).
+    EXPECT_EQ(run.errors, 1);
+    EXPECT_FALSE(std::ifstream(kMeasureFile).good());
+}
+
+TEST(TestThreadServerDown, UnreachableServerCountsAndTheFileIsDropped)
+{
+    const RunRecord run = runThread();
+    EXPECT_EQ(linesBetween(run.lines, "Câble Réseau Ethernet branché/configuré OK", "Librairie VITRANOL installée OK"),
+              QStringList({"ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux",
+                           "Démarrage du test ECRITURE/LECTURE NAND",
+                           "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs",
+                           "Test Lecture fichier de 256 lignes OK"}));
+    EXPECT_EQ(run.errors, 1);
+    EXPECT_FALSE(std::ifstream(kMeasureFile).good());
+}
+
+TEST(TestThreadUploadRefused, FailedTransferIsPrintedNotCountedAndTheFileStays)
+{
+    const RunRecord run = runThread();
+    EXPECT_EQ(linesBetween(run.lines, "Test Lecture fichier de 256 lignes OK", "Librairie VITRANOL installée OK"),
+              QStringList({"Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
+                           "ERREUR transfert Fichier TOV_TEST.MSR sur WATCHTOWER"}));
+    EXPECT_EQ(run.errors, 0);
+    EXPECT_EQ(readText(kMeasureFile), run.measureFileWhenWritten);
+}
+
+// The reserve input goes active then idle again during the 40 seconds (gpio_reserve_script.txt).
+TEST(TestThreadRelays, ReserveInputDrivesTheRelays)
+{
+    const RunRecord run = runThread();
+    auto relays = [](const char* v) {
+        return QStringList({QString("GPIO TOR RESERVE= ") + v, QString("GPIO Relais ALARME NIVEAU BAS sur ") + v,
+                            QString("GPIO Relais ALARME INVERSEUR sur ") + v,
+                            QString("GPIO Relais ALIM BUS MODULES sur ") + v});
+    };
+    QStringList expected = {"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"};
+    expected << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << "GPIO TOR DIPSWITCH_SW2_2= 0" << relays("1")
+             << relays("0");
+    EXPECT_EQ(linesBetween(run.lines, kRelayStage, "Modul MesureV2 version:2.5 Détecté OK"), expected);
+    const std::string journal = readText("/run/tovsim/gpio.journal");
+    EXPECT_NE(journal.find("input 202 0\nvalue 136 1\nvalue 138 1\nvalue 135 1\n"), std::string::npos) << journal;
+    EXPECT_NE(journal.find("input 202 1\nvalue 136 0\nvalue 138 0\nvalue 135 0\n"), std::string::npos) << journal;
+    EXPECT_EQ(run.errors, 0);
+}
+
+// Module scenarios: each suite runs with the module it names on the bus.
+// The emulator's fields 00500,07410,06500,08000,12000: weight 500, temperatures n / 117 - 40,
+// 12000 uA on the default 0-30 range gives 15.
+TEST(TestThreadModuleV1, ValuesAreReportedAndV2IsNotTried)
+{
+    const RunRecord run = runThread();
+    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
+              QStringList({"Modul MesureV1 Détecté OK", "Poids= 500, PR= 15, T_SOR= 23.3333, T_ENT= 28.3761, T_EXT= 15.5556"}));
+    EXPECT_EQ(run.errors, 0);
+}
+
+TEST(TestThreadModuleV1Silent, ExchangeFailureCountsOnce)
+{
+    const RunRecord run = runThread();
+    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
+              QStringList({"Modul MesureV1 Détecté OK", "ERREUR RS485 Modul MesureV1"}));
+    EXPECT_EQ(run.errors, 1);
+}
+
+TEST(TestThreadModuleV2Faulty, FaultySensorsFourOfFiveCounted)
+{
+    const RunRecord run = runThread();
+    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
+              QStringList({"Modul MesureV2 version:2.5 Détecté OK",
+                           "Poids= -999, PR= 999, T_SOR= 999, T_ENT= 999, T_EXT= 999",
+                           "ERREUR Sonde PRESSION HP, veuillez vérifier!",
+                           "ERREUR Sonde PT100 SORTIE, veuillez vérifier!",
+                           "ERREUR Sonde PT100 ENTREE, veuillez vérifier!",
+                           "ERREUR Sonde PT100 EXTERIEURE, veuillez vérifier!",
+                           "ERREUR POIDS Jauge de Contrainte, veuillez vérifier!"}));
+    EXPECT_EQ(run.errors, 4);
 }

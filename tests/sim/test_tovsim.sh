@@ -273,8 +273,10 @@ case_bad_usage() {
     check "malformed pin list refused" 2 "$?"
     TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec -- true 2>/dev/null
     check "missing GPIO emulator refused" 2 "$?"
-    check "without the emulator, --no-gpio still runs" 0 \
-        "$(TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec --no-gpio -- true; echo $?)"
+    check "without the emulators, --no-gpio and --server down still run" 0 \
+        "$(TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec --no-gpio --server down -- true; echo $?)"
+    "$TOVSIM" exec --server down --watchtower up -- true 2>/dev/null
+    check "an SFTP server without a server side refused" 2 "$?"
     "$TOVSIM" gpio 202 2>/dev/null
     check "gpio command outside a unit without --unit refused" 2 "$?"
 }
@@ -288,7 +290,9 @@ case_gpio_layout() {
         cat /run/tovsim/gpio.journal')
     check "GPIO beside the unit's network class" "export
 unexport
+eth0
 lo
+wlan0
 gpio=1
 direction
 value
@@ -298,12 +302,12 @@ direction 136 out
 value 136 1
 unexport 136" "$out"
     out=$("$TOVSIM" exec --no-gpio -- sh -c 'ls /sys/class/gpio 2>&1 | wc -l; ls /sys/class/net
-        grep gpio= /run/tovsim/unit; ls /run/tovsim')
+        grep gpio= /run/tovsim/unit; ls /run/tovsim | grep gpio')
     check "--no-gpio leaves GPIO out" "1
+eth0
 lo
-gpio=0
-journal
-unit" "$out"
+wlan0
+gpio=0" "$out"
     out=$("$TOVSIM" exec --gpio-input 200=0 --gpio-input 41=2 -- sh -c "$TOVSIM gpio; $TOVSIM gpio 41 202=0 202")
     check "initial inputs and the gpio command inside the unit" "138 in 1
 135 in 1
@@ -373,7 +377,7 @@ port" "$out"
     TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec --module v1 -- true 2>/dev/null
     check "a module without its emulator refused" 2 "$?"
     check "no module emulator in the default unit without it" "no port" \
-        "$(TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec -- sh -c 'test -e /dev/ttySAC1 && echo port || echo no port')"
+        "$(TOVSIM_BIN_DIR=$SCRATCH "$TOVSIM" exec --no-gpio --server down -- sh -c 'test -e /dev/ttySAC1 && echo port || echo no port')"
 }
 
 "case_$1"

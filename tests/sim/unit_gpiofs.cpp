@@ -197,13 +197,14 @@ TEST(GpioSysfs, NetworkClassStillShowsTheUnitsInterfaces)
 {
     EXPECT_TRUE(isDirectory("/sys/class/net/lo"));
     EXPECT_EQ(readText("/sys/class/net/lo/operstate"), "unknown\n");
-    EXPECT_NE(statErrno("/sys/class/net/eth0"), 0) << "this unit has no eth0 yet";
+    EXPECT_TRUE(isDirectory("/sys/class/net/eth0"));
+    EXPECT_NE(statErrno("/sys/class/net/eth1"), 0) << "this unit has no eth1 yet";
     EXPECT_TRUE(isDirectory("/sys/class/tty"));
     // Interfaces made later show up too, with a carrier once both ends are up.
-    ASSERT_EQ(system("ip link add eth0 type veth peer name srv0 && ip link set eth0 up && "
-                     "ip link set srv0 up"), 0);
-    EXPECT_TRUE(isDirectory("/sys/class/net/eth0"));
-    EXPECT_EQ(readText("/sys/class/net/eth0/carrier"), "1\n");
+    ASSERT_EQ(system("ip link add eth1 type veth peer name peer1 && ip link set eth1 up && "
+                     "ip link set peer1 up"), 0);
+    EXPECT_TRUE(isDirectory("/sys/class/net/eth1"));
+    EXPECT_EQ(readText("/sys/class/net/eth1/carrier"), "1\n");
 }
 
 TEST(GpioSysfsInitialInputs, StartAtTheGivenLevels)
