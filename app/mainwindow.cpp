@@ -2,6 +2,8 @@
 
 #include "app/fresultdisplay.h"
 #include "autotest/cautotestthread.h"
+#include "keyboard/rwkvirtualkeyboard.h"
+#include "net/interfacesfile.h"
 #include "ui_mainwindow.h"
 #include "usb/copyfilestousb.h"
 #include "utils/fileops.h"
@@ -49,16 +51,34 @@ MainWindow::MainWindow(QWidget* parent)
     m_stack->addWidget(m_resultDisplay);
 
     // The network can be edited only before the first phase: later phases have no form.
-    if (m_phase == 0) {
-        m_networkForm = new QWidget(m_stack);
-        m_networkForm->setObjectName(QStringLiteral("fNetworkConf"));
-        m_stack->addWidget(m_networkForm);
-    }
+    if (m_phase == 0)
+        createNetworkPages();
 }
 
 MainWindow::~MainWindow()
 {
+    delete m_keyboard;
     delete ui;
+}
+
+void MainWindow::createNetworkPages()
+{
+    m_keyboard = new RWKVirtualKeyboard(this);
+    m_keyboard->setMinimumSize(260, 120);
+    ui->verticalLayout_keyboard->addWidget(m_keyboard);
+    m_keyboard->hide();
+
+    m_networkForm = new fNetworkConf(m_stack);
+    m_stack->addWidget(m_networkForm);
+    connect(m_networkForm, &fNetworkConf::sigNetDispMsg, m_resultDisplay, &fResultDisplay::OnResultDisplay,
+            Qt::QueuedConnection);
+    connect(m_networkForm, &fNetworkConf::sigTestStart, this, &MainWindow::OnStartTest);
+}
+
+void MainWindow::showNetworkForm()
+{
+    m_keyboard->show();
+    m_stack->setCurrentWidget(m_networkForm);
 }
 
 void MainWindow::readPhaseFile()
@@ -93,7 +113,7 @@ void MainWindow::showEvent(QShowEvent* event)
         OnDisplayResult(tr("Démarrage des Tests du TOV..."));
         emit sigOnStartTest();
     } else if (m_networkForm != nullptr) {
-        m_stack->setCurrentWidget(m_networkForm);
+        showNetworkForm();
     }
 }
 
@@ -109,6 +129,13 @@ void MainWindow::OnDisplayResult(QString text)
 
 void MainWindow::OnStartTest()
 {
+    if (m_networkForm != nullptr) {
+        m_savedSettings = m_networkForm->settings();
+        m_serverAddress = m_savedSettings.sftpServer;
+        m_restoreChoice = m_savedSettings.restore ? 1 : 0;
+    }
+    if (m_keyboard != nullptr)
+        m_keyboard->hide();
     m_resultDisplay->OnDisplayClear();
     m_stack->setCurrentWidget(m_resultDisplay);
     m_resultDisplay->show();
@@ -139,7 +166,10 @@ void MainWindow::On_ThreadEnd(int _status)
         return;
     }
     if (_status > 0) {
-        m_stack->setCurrentWidget(m_networkForm);
+        // Back to the form as the operator left it, to correct the network and start again.
+        m_networkForm->setSettings(m_savedSettings);
+        m_networkForm->reLoadCfg();
+        showNetworkForm();
         return;
     }
     ++m_phase;
@@ -176,7 +206,11 @@ void MainWindow::OnResetBenchMark()
         emit sigDisplayResult(tr("RESET BENCHMARK, redémarrage du BENCHMARK en mode USINE..."));
         tovFileDelete(TOV_PHASE_FILE);
         QTimer::singleShot(kResetRebootDelayMs, this, &MainWindow::OnRebootTov);
+        return;
     }
+    // Also on No, on purpose: the reset button always leaves the unit with a working network.
+    if (reconfigureNetwork("eth0", 1, " ", " ", " ", " ", " ") == 1)
+        emit sigDisplayResult(tr("RESET BENCHMARK, Mise en place configuration du réseau par défaut/usine OK"));
 }
 
 void MainWindow::OnEndBenchMark()
@@ -184,5 +218,8 @@ void MainWindow::OnEndBenchMark()
     modifyTOVstarterFile("TOV_BIN_NAME=tov_test", "TOV_BIN_NAME=tovQT");
     tovFileDelete(TOV_PHASE_FILE);
     emit sigDisplayResult(tr("Test TOV términé, le prochain redémarrage lancera l'application TOV"));
+    if (reconfigureNetwork("eth0", 0, "192.168.1.48", "255.255.255.0", "192.168.1.1", " ", " ") == 1)
+        emit sigDisplayResult(tr("Mise en place configuration du réseau par défaut/usine OK"));
+    // The unit reboots whatever the network step gave.
     QTimer::singleShot(kRebootDelayMs, this, &MainWindow::OnRebootTov);
 }

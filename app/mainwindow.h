@@ -3,6 +3,8 @@
 #ifndef TOV_APP_MAINWINDOW_H
 #define TOV_APP_MAINWINDOW_H
 
+#include "net/fnetworkconf.h"
+
 #include <QMainWindow>
 #include <QString>
 
@@ -12,6 +14,7 @@
 class QShowEvent;
 class QStackedWidget;
 class QWidget;
+class RWKVirtualKeyboard;
 class cAutoTestThread;
 class fResultDisplay;
 
@@ -49,16 +52,20 @@ protected:
 private:
     void readPhaseFile();
     void writePhaseFile();
+    void createNetworkPages();
+    void showNetworkForm();
 
     Ui::MainWindow* ui;
     cAutoTestThread* m_thread = nullptr;
     int m_phase = 0;
     QStackedWidget* m_stack = nullptr;
+    RWKVirtualKeyboard* m_keyboard = nullptr;
     fResultDisplay* m_resultDisplay = nullptr;
-    QWidget* m_networkForm = nullptr;
+    fNetworkConf* m_networkForm = nullptr;
     std::vector<std::string> m_cfgLines;
     int m_restoreChoice = 0;
     QString m_serverAddress;
+    fNetworkConf::Settings m_savedSettings; // taken at test start, put back after a failed run
 };
 
 #endif

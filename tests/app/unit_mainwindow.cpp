@@ -3,10 +3,16 @@
 // CMakeLists.txt): the five-second reboot delay takes half a second.
 #include "app/fresultdisplay.h"
 #include "app/mainwindow.h"
+#include "keyboard/rwkvirtualkeyboard.h"
 
 #include "testfiles.h"
 
 #include <QApplication>
+#include <QCheckBox>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QSignalSpy>
+#include <QTimer>
 #include <QLabel>
 #include <QLayout>
 #include <QListWidget>
@@ -16,6 +22,8 @@
 #include <QtTest>
 
 #include <unistd.h>
+
+#include <cstdlib>
 
 using tovtest::readText;
 using tovtest::unitJournal;
@@ -50,12 +58,60 @@ bool phaseFileExists()
     return access(kPhaseFile, F_OK) == 0;
 }
 
+// What the network restart leaves in the unit's journal, and what a failed one leaves.
+const std::string kStopped = "/sbin/ifconfig wlan0 down\n"
+                             "/sbin/ifconfig eth0 down\n"
+                             "/etc/init.d/networking stop\n";
+const std::string kRestart = kStopped + "/etc/init.d/networking restart\n";
+
+const QString kResetBox = QString::fromUtf8("ATTENTION RESET BENCHMARK|Lancer le RESET ?!\n"
+                                            "veuillez cliquer sur OK pour confirmer le RESET!|warning|Yes,No");
+
+// Answers the reset box as soon as it shows, as an operator would. The returned text describes
+// the box (title, text, icon and buttons) once it has been answered.
+const QString& answerResetBox(QMessageBox::StandardButton answer)
+{
+    static QString seen;
+    seen.clear();
+    QTimer::singleShot(0, [answer]() {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (box == nullptr) {
+            seen = "no box";
+            return;
+        }
+        const bool yesNo = box->buttons().size() == 2 && box->button(QMessageBox::Yes) != nullptr &&
+                           box->button(QMessageBox::No) != nullptr;
+        seen = box->windowTitle() + "|" + box->text() + "|" +
+               (box->icon() == QMessageBox::Warning ? "warning" : "other icon") + "|" +
+               (yesNo ? "Yes,No" : "other buttons");
+        QTest::mouseClick(box->button(answer), Qt::LeftButton);
+    });
+    return seen;
+}
+
+QPushButton* keyByText(RWKVirtualKeyboard* keyboard, const QString& text)
+{
+    for (QPushButton* key : keyboard->findChildren<QPushButton*>())
+        if (key->isVisible() && key->text() == text)
+            return key;
+    qFatal("no key %s on the keyboard", qPrintable(text));
+    return nullptr;
+}
+
+void tapKey(RWKVirtualKeyboard* keyboard, const QString& text)
+{
+    QTest::mouseClick(keyByText(keyboard, text), Qt::LeftButton);
+}
+
 } // namespace
 
 class TestMainWindow : public QObject {
     Q_OBJECT
 
 private slots:
+    // Rows of one case share their unit: each starts without a phase file.
+    void init() { unlink(kPhaseFile); }
+
     void formOfTheWindow()
     {
         MainWindow window;
@@ -201,17 +257,90 @@ private slots:
         QCOMPARE(unitJournal(), std::string());
     }
 
-    void errorsInTheFirstPhaseGoBackToTheForm()
+    void firstPhaseStartsFromTheFormAndComesBackToItOnErrors()
+    {
+        writeText("/run/tovsim/journal", "");
+        MainWindow window;
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        auto* keyboard = window.findChild<RWKVirtualKeyboard*>();
+        QVERIFY(keyboard != nullptr && keyboard->isVisible());
+        QVERIFY(keyboard->minimumWidth() >= 260 && keyboard->minimumHeight() >= 120);
+        QVERIFY(button(window, "pB_reboot")->isHidden());
+        QVERIFY(button(window, "pB_resetBench")->isHidden());
+
+        // The operator sets a server and asks for the restore, then applies: the network is
+        // reconfigured (the server changed) and the test starts.
+        QLineEdit* server = window.findChild<QLineEdit*>("lineEditSftpSrvIP");
+        server->selectAll();
+        QTest::keyClicks(server, "192.0.2.11 ");
+        QTest::keyClick(server, Qt::Key_Backspace);
+        window.findChild<QCheckBox*>("checkBox_usbRestore")->setChecked(true);
+        QTest::mouseClick(button(window, "pB_ApllyNetworkConf"), Qt::LeftButton);
+        QCOMPARE(currentPage(window), QString("fResultDisplay"));
+        QVERIFY(!keyboard->isVisible());
+        QCOMPARE(unitJournal().substr(0, kRestart.size()), kRestart);
+
+        // This unit has no network and no module: back to the form as the operator left it.
+        QTRY_COMPARE_WITH_TIMEOUT(currentPage(window), QString("fNetworkConf"), 120000);
+        QVERIFY(keyboard->isVisible());
+        QCOMPARE(server->text(), QString("192.0.2.11"));
+        QVERIFY(window.findChild<QCheckBox*>("checkBox_usbRestore")->isChecked());
+        QVERIFY(button(window, "pB_reboot")->isHidden());
+        QVERIFY(!phaseFileExists());
+
+        // A run without errors would write the operator's choices into the phase file.
+        window.On_ThreadEnd(0);
+        QCOMPARE(readText(kPhaseFile), std::string("1\n1\n192.0.2.11\n"));
+    }
+
+    void typingOnTheKeyboardFillsTheFocusedEdit()
     {
         MainWindow window;
         window.show();
         QVERIFY(QTest::qWaitForWindowExposed(&window));
-        window.OnStartTest();
-        QCOMPARE(currentPage(window), QString("fResultDisplay"));
-        window.On_ThreadEnd(1);
-        QCOMPARE(currentPage(window), QString("fNetworkConf"));
-        QVERIFY(button(window, "pB_reboot")->isHidden());
-        QVERIFY(!phaseFileExists());
+        QLineEdit* server = window.findChild<QLineEdit*>("lineEditSftpSrvIP");
+        QTest::mouseClick(server, Qt::LeftButton);
+        server->clear();
+        auto* keyboard = window.findChild<RWKVirtualKeyboard*>();
+        tapKey(keyboard, "A");
+        tapKey(keyboard, "B");
+        QCOMPARE(server->text(), QString("ab"));
+        QVERIFY(server->hasFocus());
+
+        // A long press on E offers its accents; the second one is è.
+        QPushButton* e = keyByText(keyboard, "E");
+        QTest::mousePress(e, Qt::LeftButton);
+        QTest::qWait(RWKVirtualKeyboard::LongPressMs + 300);
+        QList<QPushButton*> accents;
+        for (QPushButton* key : keyboard->findChildren<QPushButton*>())
+            if (key->isVisible() && key->text() == QString::fromUtf8("è"))
+                accents << key;
+        QCOMPARE(accents.size(), 1);
+        const QByteArray dir = qgetenv("TOV_ARTIFACT_DIR");
+        QVERIFY(window.grab().save(QString::fromLocal8Bit(dir) + "/form-accents.png"));
+        QTest::mouseRelease(e, Qt::LeftButton);
+        QTest::mouseClick(accents[0], Qt::LeftButton);
+        QCOMPARE(server->text(), QString::fromUtf8("abè"));
+        QVERIFY(server->hasFocus());
+    }
+
+    void screenshotOfTheFormWithTheKeyboard()
+    {
+        MainWindow window;
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        const QImage shot = window.grab().toImage();
+        QCOMPARE(shot.size(), QSize(640, 480));
+        const QByteArray dir = qgetenv("TOV_ARTIFACT_DIR");
+        QVERIFY(shot.save(QString::fromLocal8Bit(dir) + "/form-keyboard.png"));
+        // Every widget of the form and the keyboard lies inside the window.
+        for (QWidget* w : window.findChildren<QWidget*>()) {
+            if (!w->isVisible())
+                continue;
+            const QRect r(w->mapTo(&window, QPoint(0, 0)), w->size());
+            QVERIFY2(QRect(0, 0, 640, 480).contains(r), qPrintable(w->objectName()));
+        }
     }
 
     void successOfTheThirdPhaseHandsOverToProduction()
@@ -224,11 +353,83 @@ private slots:
         const std::string starter = readText("/home/TOV/tov_starter");
         QVERIFY(starter.find("\nTOV_BIN_NAME=tovQT\n") != std::string::npos);
         QVERIFY(starter.find("TOV_BIN_NAME=tov_test") == std::string::npos);
-        QTRY_VERIFY(panelLines(window).contains(
-            QString::fromUtf8("Test TOV términé, le prochain redémarrage lancera l'application TOV")));
+        QTRY_COMPARE(panelLines(window),
+                     QStringList({QString::fromUtf8("Test TOV términé, le prochain redémarrage lancera l'application TOV"),
+                                  QString::fromUtf8("Mise en place configuration du réseau par défaut/usine OK")}));
+        QVERIFY(readText("/etc/network/interfaces").find("iface eth0 inet static\n"
+                                                         " address 192.168.1.48\n"
+                                                         " netmask 255.255.255.0\n"
+                                                         " gateway 192.168.1.1\n")
+                != std::string::npos);
+        // The reboot comes five seconds after the network restart.
         QTest::qWait(4500);
+        QCOMPARE(unitJournal(), kRestart);
+        QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), kRestart + "/sbin/reboot\n", 2000);
+    }
+
+    void completionRebootsEvenWhenTheNetworkStepFails()
+    {
+        writeText(kPhaseFile, "2\n0\n198.51.100.7\n");
+        writeText("/run/tovsim/journal", "");
+        QCOMPARE(system("mount -o remount,ro /etc/network"), 0);
+        MainWindow window;
+        window.On_ThreadEnd(0);
+        QCOMPARE(system("mount -o remount,rw /etc/network"), 0);
+        QVERIFY(!phaseFileExists());
+        QVERIFY(readText("/home/TOV/tov_starter").find("\nTOV_BIN_NAME=tovQT\n") != std::string::npos);
+        QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), kStopped + "/sbin/reboot\n", 7000);
+        QCOMPARE(panelLines(window),
+                 QStringList(QString::fromUtf8("Test TOV términé, le prochain redémarrage lancera l'application TOV")));
+    }
+
+    void resetAnsweredNoOrWithoutPhaseFileOnlyPutsEth0OnDhcp_data()
+    {
+        QTest::addColumn<QString>("phaseFile");
+        QTest::addColumn<int>("answer");
+        QTest::newRow("No in phase 1") << "1\n0\n192.0.2.10\n" << int(QMessageBox::No);
+        QTest::newRow("Yes without phase file") << "" << int(QMessageBox::Yes);
+        QTest::newRow("No without phase file") << "" << int(QMessageBox::No);
+    }
+
+    void resetAnsweredNoOrWithoutPhaseFileOnlyPutsEth0OnDhcp()
+    {
+        QFETCH(QString, phaseFile);
+        QFETCH(int, answer);
+        if (!phaseFile.isEmpty())
+            writeText(kPhaseFile, phaseFile.toStdString());
+        writeText("/run/tovsim/journal", "");
+        MainWindow window; // not shown: no run starts
+        QSignalSpy resets(&window, &MainWindow::sigResetBenchmark);
+        const QString& box = answerResetBox(QMessageBox::StandardButton(answer));
+        window.OnResetBenchMark();
+        QCOMPARE(box, kResetBox);
+        QCOMPARE(resets.count(), 0);
+        QCOMPARE(unitJournal(), kRestart);
+        QVERIFY(readText("/etc/network/interfaces").find("iface eth0 inet dhcp\n") != std::string::npos);
+        QTRY_COMPARE(panelLines(window),
+                     QStringList(QString::fromUtf8(
+                         "RESET BENCHMARK, Mise en place configuration du réseau par défaut/usine OK")));
+        QCOMPARE(phaseFileExists(), !phaseFile.isEmpty());
+        QTest::qWait(3000);
+        QCOMPARE(unitJournal(), kRestart);
+    }
+
+    void resetAnsweredYesInPhaseOneRebootsTwoSecondsLater()
+    {
+        writeText(kPhaseFile, "1\n0\n192.0.2.10\n");
+        writeText("/run/tovsim/journal", "");
+        MainWindow window;
+        QSignalSpy resets(&window, &MainWindow::sigResetBenchmark);
+        answerResetBox(QMessageBox::Yes);
+        window.OnResetBenchMark();
+        QCOMPARE(resets.count(), 1);
+        QCOMPARE(resets[0][0].toBool(), true);
+        QVERIFY(!phaseFileExists());
+        QTRY_COMPARE(panelLines(window),
+                     QStringList(QString::fromUtf8("RESET BENCHMARK, redémarrage du BENCHMARK en mode USINE...")));
+        QTest::qWait(1500);
         QCOMPARE(unitJournal(), std::string());
-        QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), std::string("/sbin/reboot\n"), 2000);
+        QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), std::string("/sbin/reboot\n"), 1500);
     }
 
     void successOfTheThirdPhaseWithRestoreOpensTheUsbPageFirst()
@@ -242,10 +443,13 @@ private slots:
         QVERIFY(phaseFileExists());
         QCOMPARE(unitJournal(), std::string());
 
+        // Not shown, as showing a later phase starts a run: the window is drawn for the screenshot.
+        const QByteArray dir = qgetenv("TOV_ARTIFACT_DIR");
+        QVERIFY(window.grab().save(QString::fromLocal8Bit(dir) + "/usb-page.png"));
         QTest::mouseClick(window.findChild<QPushButton*>("pB_QuitUsb"), Qt::LeftButton);
         QVERIFY(!phaseFileExists());
         QVERIFY(readText("/home/TOV/tov_starter").find("\nTOV_BIN_NAME=tovQT\n") != std::string::npos);
-        QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), std::string("/sbin/reboot\n"), 7000);
+        QTRY_COMPARE_WITH_TIMEOUT(unitJournal(), kRestart + "/sbin/reboot\n", 7000);
     }
 
     void screenshotWithARedAndADefaultLine()
