@@ -1,0 +1,183 @@
+// Start-up to the first painted frame, and peak memory, of tov_test against a bare Qt window
+// (bare_window: one 640x480 QWidget), both on the same X server in the same run.
+//
+// Runs in a simulated unit, from the source folder:
+//
+//   sim/tovsim exec -- "$PWD/build/host/bench/startup_bench" [--runs N] [--verbose]
+//
+// It starts its own Xvfb (640x480, 24 bits) in the unit and runs each program with
+// QT_QPA_PLATFORM=xcb, alternately, N times each (default 7) after one warm-up run each that is
+// not counted. tov_test runs unchanged, with no phase file: it paints the network form and waits,
+// as at the first boot of a unit. The first painted frame is seen from outside the program by the
+// firstpaint shim (LD_PRELOAD, see firstpaint.c): the first flush of a window picture to the X
+// server. Start-up is the time from the fork to that flush. The program is then left 300 ms to
+// settle and killed; its peak resident set is the kernel's ru_maxrss of the reaped child.
+//
+// --verbose lets the programs' own output through.
+//
+// Goals: start-up at most 1.3 times the bare window's, peak resident set at most the bare
+// window's plus 6 MB (medians). A missed goal prints MISS; the exit status says only whether the
+// measurements could be taken.
+#include "bench/benchops.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+using benchops::Child;
+
+namespace {
+
+const int kSettleMs = 300;
+const int kPaintTimeoutMs = 20000;
+const double kStartupGoal = 1.3;
+const double kMemoryGoalMb = 6.0;
+
+struct Program {
+    const char* label;
+    std::string path;
+    std::vector<double> startupMs;
+    std::vector<double> peakMb;
+};
+
+struct Display {
+    Child server;
+    std::string name; // ":N"
+    int pipe = -1;
+};
+
+// Starts Xvfb on a free display; it writes the display number and a line feed on a pipe once it
+// accepts clients. The pipe stays open while Xvfb runs: Xvfb ends when it cannot write there.
+bool startXvfb(Display& display, bool verbose)
+{
+    int fds[2];
+    if (pipe(fds) != 0)
+        return false;
+    display.server = benchops::spawn({"/usr/bin/Xvfb", "-displayfd", std::to_string(fds[1]), "-screen",
+                                      "0", "640x480x24", "-nolisten", "tcp", "-noreset"},
+                                     {}, "", fds[1], verbose);
+    close(fds[1]);
+    display.pipe = fds[0];
+    std::string number;
+    pollfd ready{fds[0], POLLIN, 0};
+    char c = 0;
+    while (poll(&ready, 1, 10000) == 1 && read(fds[0], &c, 1) == 1 && c != '\n')
+        number += c;
+    if (c != '\n' || number.empty()) {
+        fprintf(stderr, "startup_bench: Xvfb did not start\n");
+        return false;
+    }
+    display.name = ":" + number;
+    return true;
+}
+
+void stopXvfb(Display& display)
+{
+    benchops::killAndReap(display.server);
+    if (display.pipe >= 0)
+        close(display.pipe);
+}
+
+// One run: start-up in ms and peak resident set in MB, or false when no frame came.
+bool runOnce(const std::string& path, const std::string& shim, const std::string& displayName,
+             bool verbose, double& startupMs, double& peakMb)
+{
+    int fds[2];
+    if (pipe(fds) != 0)
+        return false;
+    const Child child = benchops::spawn({path}, {"LD_PRELOAD=" + shim, "BENCH_PAINT_FD=" + std::to_string(fds[1]),
+                                                 "QT_QPA_PLATFORM=xcb", "DISPLAY=" + displayName},
+                                        "/home/TOV", fds[1], verbose);
+    close(fds[1]);
+    pollfd paint{fds[0], POLLIN, 0};
+    char line[32] = {};
+    const bool painted = poll(&paint, 1, kPaintTimeoutMs) == 1 && read(fds[0], line, sizeof line - 1) > 0;
+    close(fds[0]);
+    if (painted) {
+        startupMs = (atoll(line) - child.startNs) / 1e6;
+        benchops::sleepMs(kSettleMs);
+    }
+    std::string ending;
+    peakMb = benchops::killAndReap(child, &ending) / 1024.0;
+    if (!painted)
+        fprintf(stderr, "startup_bench: %s painted nothing (%s)\n", path.c_str(), ending.c_str());
+    return painted;
+}
+
+const char* verdict(bool met)
+{
+    return met ? "PASS" : "MISS";
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    int runs = 7;
+    bool verbose = false;
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--verbose") == 0) {
+            verbose = true;
+        } else if (strcmp(argv[i], "--runs") == 0 && i + 1 < argc && atoi(argv[i + 1]) > 0) {
+            runs = atoi(argv[++i]);
+        } else {
+            fprintf(stderr, "usage: startup_bench [--runs N] [--verbose]\n");
+            return 2;
+        }
+    }
+    if (!benchops::insideUnit("startup_bench"))
+        return 2;
+    const std::string dir = benchops::programDir();
+    const std::string shim = dir + "/libfirstpaint.so";
+    Program bare{"bare Qt window", dir + "/bare_window", {}, {}};
+    Program tov{"tov_test", dir + "/../app/tov_test", {}, {}};
+    for (const std::string& path : {shim, bare.path, tov.path}) {
+        if (access(path.c_str(), R_OK) != 0) {
+            fprintf(stderr, "startup_bench: %s is missing: build the host preset first\n", path.c_str());
+            return 2;
+        }
+    }
+    unlink("/home/TOV/tov_test.cfg"); // no phase file: the network form, as at a first boot
+    Display display;
+    if (!startXvfb(display, verbose)) {
+        stopXvfb(display);
+        return 2;
+    }
+
+    bool ok = true;
+    for (int run = 0; run <= runs && ok; ++run) {
+        for (Program* program : {&bare, &tov}) {
+            double startupMs = 0, peakMb = 0;
+            ok = runOnce(program->path, shim, display.name, verbose, startupMs, peakMb) && ok;
+            if (run == 0)
+                continue; // warm-up: caches and fonts, not counted
+            program->startupMs.push_back(startupMs);
+            program->peakMb.push_back(peakMb);
+        }
+    }
+    stopXvfb(display);
+    if (!ok)
+        return 1;
+
+    printf("Xvfb 640x480x24, QT_QPA_PLATFORM=xcb; %d runs each after one warm-up, alternating\n", runs);
+    printf("  %-16s %22s %22s\n", "", "start-up min / median", "peak RSS min / median");
+    for (const Program* program : {&bare, &tov}) {
+        printf("  %-16s %9.1f / %6.1f ms %12.1f / %5.1f MB\n", program->label,
+               benchops::minimum(program->startupMs), benchops::median(program->startupMs),
+               benchops::minimum(program->peakMb), benchops::median(program->peakMb));
+    }
+    const double ratio = benchops::median(tov.startupMs) / benchops::median(bare.startupMs);
+    const double ratioMin = benchops::minimum(tov.startupMs) / benchops::minimum(bare.startupMs);
+    const double extraMb = benchops::median(tov.peakMb) - benchops::median(bare.peakMb);
+    printf("  start-up tov_test / bare: %.2f (median), %.2f (min); goal at most %.1f: %s\n", ratio,
+           ratioMin, kStartupGoal, verdict(ratio <= kStartupGoal));
+    printf("  peak RSS tov_test - bare: %+.1f MB (median); goal at most +%.0f MB: %s\n", extraMb,
+           kMemoryGoalMb, verdict(extraMb <= kMemoryGoalMb));
+    return 0;
+}
