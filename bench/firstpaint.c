@@ -43,9 +43,22 @@ static void report(void)
     close(fd);
 }
 
-static void* next(const char* name)
+/* The real NAME of LIBRARY. Qt's xcb plugin is loaded with its own libraries out of the global
+ * scope, where RTLD_NEXT does not look: then the library is asked directly. */
+static void* next(const char* name, const char* library)
 {
-    return dlsym(RTLD_NEXT, name);
+    void* real = dlsym(RTLD_NEXT, name);
+    if (real == NULL) {
+        void* handle = dlopen(library, RTLD_LAZY | RTLD_NOLOAD);
+        if (handle == NULL)
+            handle = dlopen(library, RTLD_LAZY);
+        real = handle != NULL ? dlsym(handle, name) : NULL;
+    }
+    if (real == NULL) {
+        fprintf(stderr, "firstpaint: no %s in %s\n", name, library);
+        abort();
+    }
+    return real;
 }
 
 xcb_void_cookie_t xcb_shm_put_image(xcb_connection_t* c, xcb_drawable_t drawable, xcb_gcontext_t gc,
@@ -60,7 +73,7 @@ xcb_void_cookie_t xcb_shm_put_image(xcb_connection_t* c, xcb_drawable_t drawable
                                       uint32_t);
     static fn_t real;
     if (real == NULL)
-        real = (fn_t)next("xcb_shm_put_image");
+        real = (fn_t)next("xcb_shm_put_image", "libxcb-shm.so.0");
     g_put = 1;
     return real(c, drawable, gc, total_width, total_height, src_x, src_y, src_width, src_height,
                 dst_x, dst_y, depth, format, send_event, shmseg, offset);
@@ -76,7 +89,7 @@ xcb_void_cookie_t xcb_put_image(xcb_connection_t* c, uint8_t format, xcb_drawabl
                                       uint32_t, const uint8_t*);
     static fn_t real;
     if (real == NULL)
-        real = (fn_t)next("xcb_put_image");
+        real = (fn_t)next("xcb_put_image", "libxcb.so.1");
     g_put = 1;
     return real(c, format, drawable, gc, width, height, dst_x, dst_y, left_pad, depth, data_len,
                 data);
@@ -87,7 +100,7 @@ int xcb_flush(xcb_connection_t* c)
     typedef int (*fn_t)(xcb_connection_t*);
     static fn_t real;
     if (real == NULL)
-        real = (fn_t)next("xcb_flush");
+        real = (fn_t)next("xcb_flush", "libxcb.so.1");
     const int result = real(c);
     report();
     return result;

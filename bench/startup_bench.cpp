@@ -6,7 +6,9 @@
 //   sim/tovsim exec -- "$PWD/build/host/bench/startup_bench" [--runs N] [--verbose]
 //
 // It starts its own Xvfb (640x480, 24 bits) in the unit and runs each program with
-// QT_QPA_PLATFORM=xcb, alternately, N times each (default 7) after one warm-up run each that is
+// QT_QPA_PLATFORM=xcb and QT_XCB_GL_INTEGRATION=none (neither paints with OpenGL, and the board's
+// linuxfb has none: loading Mesa's software renderer would add ~50 MB and ~0.3 s to both),
+// alternately, N times each (default 7) after one warm-up run each that is
 // not counted. tov_test runs unchanged, with no phase file: it paints the network form and waits,
 // as at the first boot of a unit. The first painted frame is seen from outside the program by the
 // firstpaint shim (LD_PRELOAD, see firstpaint.c): the first flush of a window picture to the X
@@ -26,7 +28,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -39,12 +44,65 @@ const int kPaintTimeoutMs = 20000;
 const double kStartupGoal = 1.3;
 const double kMemoryGoalMb = 6.0;
 
+using Mappings = std::map<std::string, long>; // resident kB per mapped file, "[anon]" etc.
+
 struct Program {
     const char* label;
     std::string path;
     std::vector<double> startupMs;
     std::vector<double> peakMb;
+    Mappings resident; // at the end of the last run
 };
+
+// Resident kB of each mapping of PID, summed per file (anonymous memory as "[anon]").
+Mappings residentMappings(pid_t pid)
+{
+    Mappings resident;
+    std::istringstream smaps(benchops::readText("/proc/" + std::to_string(pid) + "/smaps"));
+    std::string line, name;
+    while (std::getline(smaps, line)) {
+        std::istringstream fields(line);
+        std::string first;
+        fields >> first;
+        if (first == "Rss:") {
+            long kb = 0;
+            fields >> kb;
+            resident[name] += kb;
+        } else if (first.find('-') != std::string::npos && first.back() != ':') {
+            std::string perms, offset, device, inode;
+            name.clear();
+            fields >> perms >> offset >> device >> inode >> name;
+            if (name.empty())
+                name = "[anon]";
+        }
+    }
+    return resident;
+}
+
+// The mappings that make most of the difference in resident memory between two programs.
+void printLargestDifferences(const Mappings& from, const Mappings& to, size_t count)
+{
+    std::vector<std::pair<long, std::string>> differences;
+    for (const auto& [name, kb] : to) {
+        const auto other = from.find(name);
+        const long difference = kb - (other == from.end() ? 0 : other->second);
+        if (difference > 0)
+            differences.emplace_back(difference, name);
+    }
+    std::sort(differences.rbegin(), differences.rend());
+    long shown = 0;
+    for (size_t i = 0; i < differences.size() && i < count; ++i) {
+        const std::string& name = differences[i].second;
+        printf("    %+7.1f MB  %s\n", differences[i].first / 1024.0,
+               name.substr(name.rfind('/') == std::string::npos ? 0 : name.rfind('/') + 1).c_str());
+        shown += differences[i].first;
+    }
+    long rest = 0;
+    for (size_t i = count; i < differences.size(); ++i)
+        rest += differences[i].first;
+    printf("    %+7.1f MB  %zu other mappings\n", rest / 1024.0,
+           differences.size() > count ? differences.size() - count : 0);
+}
 
 struct Display {
     Child server;
@@ -86,13 +144,14 @@ void stopXvfb(Display& display)
 
 // One run: start-up in ms and peak resident set in MB, or false when no frame came.
 bool runOnce(const std::string& path, const std::string& shim, const std::string& displayName,
-             bool verbose, double& startupMs, double& peakMb)
+             bool verbose, double& startupMs, double& peakMb, Mappings& resident)
 {
     int fds[2];
     if (pipe(fds) != 0)
         return false;
     const Child child = benchops::spawn({path}, {"LD_PRELOAD=" + shim, "BENCH_PAINT_FD=" + std::to_string(fds[1]),
-                                                 "QT_QPA_PLATFORM=xcb", "DISPLAY=" + displayName},
+                                                 "QT_QPA_PLATFORM=xcb", "QT_XCB_GL_INTEGRATION=none",
+                                                 "DISPLAY=" + displayName},
                                         "/home/TOV", fds[1], verbose);
     close(fds[1]);
     pollfd paint{fds[0], POLLIN, 0};
@@ -102,6 +161,7 @@ bool runOnce(const std::string& path, const std::string& shim, const std::string
     if (painted) {
         startupMs = (atoll(line) - child.startNs) / 1e6;
         benchops::sleepMs(kSettleMs);
+        resident = residentMappings(child.pid);
     }
     std::string ending;
     peakMb = benchops::killAndReap(child, &ending) / 1024.0;
@@ -135,8 +195,8 @@ int main(int argc, char** argv)
         return 2;
     const std::string dir = benchops::programDir();
     const std::string shim = dir + "/libfirstpaint.so";
-    Program bare{"bare Qt window", dir + "/bare_window", {}, {}};
-    Program tov{"tov_test", dir + "/../app/tov_test", {}, {}};
+    Program bare{"bare Qt window", dir + "/bare_window", {}, {}, {}};
+    Program tov{"tov_test", dir + "/../app/tov_test", {}, {}, {}};
     for (const std::string& path : {shim, bare.path, tov.path}) {
         if (access(path.c_str(), R_OK) != 0) {
             fprintf(stderr, "startup_bench: %s is missing: build the host preset first\n", path.c_str());
@@ -154,7 +214,8 @@ int main(int argc, char** argv)
     for (int run = 0; run <= runs && ok; ++run) {
         for (Program* program : {&bare, &tov}) {
             double startupMs = 0, peakMb = 0;
-            ok = runOnce(program->path, shim, display.name, verbose, startupMs, peakMb) && ok;
+            ok = runOnce(program->path, shim, display.name, verbose, startupMs, peakMb,
+                         program->resident) && ok;
             if (run == 0)
                 continue; // warm-up: caches and fonts, not counted
             program->startupMs.push_back(startupMs);
@@ -165,7 +226,7 @@ int main(int argc, char** argv)
     if (!ok)
         return 1;
 
-    printf("Xvfb 640x480x24, QT_QPA_PLATFORM=xcb; %d runs each after one warm-up, alternating\n", runs);
+    printf("Xvfb 640x480x24, QT_QPA_PLATFORM=xcb without OpenGL; %d runs each after one warm-up, alternating\n", runs);
     printf("  %-16s %22s %22s\n", "", "start-up min / median", "peak RSS min / median");
     for (const Program* program : {&bare, &tov}) {
         printf("  %-16s %9.1f / %6.1f ms %12.1f / %5.1f MB\n", program->label,
@@ -179,5 +240,7 @@ int main(int argc, char** argv)
            ratioMin, kStartupGoal, verdict(ratio <= kStartupGoal));
     printf("  peak RSS tov_test - bare: %+.1f MB (median); goal at most +%.0f MB: %s\n", extraMb,
            kMemoryGoalMb, verdict(extraMb <= kMemoryGoalMb));
+    printf("  where tov_test's extra resident memory is (last run, per mapping):\n");
+    printLargestDifferences(bare.resident, tov.resident, 8);
     return 0;
 }
