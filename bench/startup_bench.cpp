@@ -227,9 +227,9 @@ int main(int argc, char** argv)
         return 1;
 
     printf("Xvfb 640x480x24, QT_QPA_PLATFORM=xcb without OpenGL; %d runs each after one warm-up, alternating\n", runs);
-    printf("  %-16s %22s %22s\n", "", "start-up min / median", "peak RSS min / median");
+    printf("  %-16s %21s %21s\n", "", "start-up min / median", "peak RSS min / median");
     for (const Program* program : {&bare, &tov}) {
-        printf("  %-16s %9.1f / %6.1f ms %12.1f / %5.1f MB\n", program->label,
+        printf("  %-16s %9.1f / %6.1f ms %10.1f / %5.1f MB\n", program->label,
                benchops::minimum(program->startupMs), benchops::median(program->startupMs),
                benchops::minimum(program->peakMb), benchops::median(program->peakMb));
     }
