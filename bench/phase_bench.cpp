@@ -166,7 +166,7 @@ int main(int argc, char** argv)
     Moments seen;
     const benchops::Child child = benchops::spawn({tov}, env, "/home/TOV");
     seen.start = child.startNs;
-    const bool rebooted = watch(child, mandated / speed + 60.0, seen);
+    const bool rebooted = watch(child, mandated / speed + 30.0, seen);
     benchops::killAndReap(child);
     if (!rebooted)
         return 1;

@@ -7,17 +7,18 @@
 //
 // It starts its own Xvfb (640x480, 24 bits) in the unit and runs each program with
 // QT_QPA_PLATFORM=xcb and QT_XCB_GL_INTEGRATION=none (neither paints with OpenGL, and the board's
-// linuxfb has none: loading Mesa's software renderer would add ~50 MB and ~0.3 s to both),
-// alternately, N times each (default 7) after one warm-up run each that is
-// not counted. tov_test runs unchanged, with no phase file: it paints the network form and waits,
-// as at the first boot of a unit. The first painted frame is seen from outside the program by the
-// firstpaint shim (LD_PRELOAD, see firstpaint.c): the first flush of a window picture to the X
-// server. Start-up is the time from the fork to that flush. The program is then left 300 ms to
-// settle and killed; its peak resident set is the kernel's ru_maxrss of the reaped child.
+// linuxfb has none: loading Mesa's software renderer would add ~50 MB and ~0.3 s to both). The
+// programs take turns, N times each (default 11) after one warm-up run each that is not counted.
+// bare_window --text, the same window with one line of text, runs too, for information.
+// tov_test runs unchanged, with no phase file: it paints the network form and waits, as at the
+// first boot of a unit. The first painted frame is seen from outside the program by the firstpaint
+// shim (LD_PRELOAD, see firstpaint.c): the first flush of a window picture to the X server.
+// Start-up is the time from the fork to that flush. The program is then left 300 ms to settle and
+// killed; its peak resident set is the kernel's ru_maxrss of the reaped child.
 //
 // --verbose lets the programs' own output through.
 //
-// Goals: start-up at most 1.3 times the bare window's, peak resident set at most the bare
+// Goals: start-up at most 1.3 times the bare (empty) window's, peak resident set at most the bare
 // window's plus 6 MB (medians). A missed goal prints MISS; the exit status says only whether the
 // measurements could be taken.
 #include "bench/benchops.h"
@@ -48,7 +49,7 @@ using Mappings = std::map<std::string, long>; // resident kB per mapped file, "[
 
 struct Program {
     const char* label;
-    std::string path;
+    std::vector<std::string> argv;
     std::vector<double> startupMs;
     std::vector<double> peakMb;
     Mappings resident; // at the end of the last run
@@ -77,6 +78,17 @@ Mappings residentMappings(pid_t pid)
         }
     }
     return resident;
+}
+
+int sharedObjects(const Mappings& resident)
+{
+    int count = 0;
+    for (const auto& entry : resident) {
+        const std::string& name = entry.first;
+        const size_t so = name.rfind(".so");
+        count += so != std::string::npos && (so + 3 == name.size() || name[so + 3] == '.');
+    }
+    return count;
 }
 
 // The mappings that make most of the difference in resident memory between two programs.
@@ -143,13 +155,13 @@ void stopXvfb(Display& display)
 }
 
 // One run: start-up in ms and peak resident set in MB, or false when no frame came.
-bool runOnce(const std::string& path, const std::string& shim, const std::string& displayName,
+bool runOnce(const std::vector<std::string>& argv, const std::string& shim, const std::string& displayName,
              bool verbose, double& startupMs, double& peakMb, Mappings& resident)
 {
     int fds[2];
     if (pipe(fds) != 0)
         return false;
-    const Child child = benchops::spawn({path}, {"LD_PRELOAD=" + shim, "BENCH_PAINT_FD=" + std::to_string(fds[1]),
+    const Child child = benchops::spawn(argv, {"LD_PRELOAD=" + shim, "BENCH_PAINT_FD=" + std::to_string(fds[1]),
                                                  "QT_QPA_PLATFORM=xcb", "QT_XCB_GL_INTEGRATION=none",
                                                  "DISPLAY=" + displayName},
                                         "/home/TOV", fds[1], verbose);
@@ -166,7 +178,7 @@ bool runOnce(const std::string& path, const std::string& shim, const std::string
     std::string ending;
     peakMb = benchops::killAndReap(child, &ending) / 1024.0;
     if (!painted)
-        fprintf(stderr, "startup_bench: %s painted nothing (%s)\n", path.c_str(), ending.c_str());
+        fprintf(stderr, "startup_bench: %s painted nothing (%s)\n", argv[0].c_str(), ending.c_str());
     return painted;
 }
 
@@ -179,7 +191,7 @@ const char* verdict(bool met)
 
 int main(int argc, char** argv)
 {
-    int runs = 7;
+    int runs = 11;
     bool verbose = false;
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--verbose") == 0) {
@@ -195,9 +207,10 @@ int main(int argc, char** argv)
         return 2;
     const std::string dir = benchops::programDir();
     const std::string shim = dir + "/libfirstpaint.so";
-    Program bare{"bare Qt window", dir + "/bare_window", {}, {}, {}};
-    Program tov{"tov_test", dir + "/../app/tov_test", {}, {}, {}};
-    for (const std::string& path : {shim, bare.path, tov.path}) {
+    Program bare{"bare Qt window", {dir + "/bare_window"}, {}, {}, {}};
+    Program text{"same with text", {dir + "/bare_window", "--text"}, {}, {}, {}};
+    Program tov{"tov_test", {dir + "/../app/tov_test"}, {}, {}, {}};
+    for (const std::string& path : {shim, bare.argv[0], tov.argv[0]}) {
         if (access(path.c_str(), R_OK) != 0) {
             fprintf(stderr, "startup_bench: %s is missing: build the host preset first\n", path.c_str());
             return 2;
@@ -212,9 +225,9 @@ int main(int argc, char** argv)
 
     bool ok = true;
     for (int run = 0; run <= runs && ok; ++run) {
-        for (Program* program : {&bare, &tov}) {
+        for (Program* program : {&bare, &text, &tov}) {
             double startupMs = 0, peakMb = 0;
-            ok = runOnce(program->path, shim, display.name, verbose, startupMs, peakMb,
+            ok = runOnce(program->argv, shim, display.name, verbose, startupMs, peakMb,
                          program->resident) && ok;
             if (run == 0)
                 continue; // warm-up: caches and fonts, not counted
@@ -226,10 +239,10 @@ int main(int argc, char** argv)
     if (!ok)
         return 1;
 
-    printf("Xvfb 640x480x24, QT_QPA_PLATFORM=xcb without OpenGL; %d runs each after one warm-up, alternating\n", runs);
-    printf("  %-16s %21s %21s\n", "", "start-up min / median", "peak RSS min / median");
-    for (const Program* program : {&bare, &tov}) {
-        printf("  %-16s %9.1f / %6.1f ms %10.1f / %5.1f MB\n", program->label,
+    printf("Xvfb 640x480x24, QT_QPA_PLATFORM=xcb without OpenGL; %d runs each after one warm-up, in turns\n", runs);
+    printf("  %-16s %21s   %21s\n", "", "start-up min / median", "peak RSS min / median");
+    for (const Program* program : {&bare, &text, &tov}) {
+        printf("  %-16s %9.1f / %6.1f ms   %10.1f / %5.1f MB\n", program->label,
                benchops::minimum(program->startupMs), benchops::median(program->startupMs),
                benchops::minimum(program->peakMb), benchops::median(program->peakMb));
     }
@@ -240,6 +253,11 @@ int main(int argc, char** argv)
            ratioMin, kStartupGoal, verdict(ratio <= kStartupGoal));
     printf("  peak RSS tov_test - bare: %+.1f MB (median); goal at most +%.0f MB: %s\n", extraMb,
            kMemoryGoalMb, verdict(extraMb <= kMemoryGoalMb));
+    printf("  for information, against the window with text: start-up %.2f, peak RSS %+.1f MB (medians)\n",
+           benchops::median(tov.startupMs) / benchops::median(text.startupMs),
+           benchops::median(tov.peakMb) - benchops::median(text.peakMb));
+    printf("  shared objects mapped: bare %d, tov_test %d\n", sharedObjects(bare.resident),
+           sharedObjects(tov.resident));
     printf("  where tov_test's extra resident memory is (last run, per mapping):\n");
     printLargestDifferences(bare.resident, tov.resident, 8);
     return 0;
