@@ -7,10 +7,12 @@
 //   sim/tovsim exec --watchtower up --module v2 [--clock-speed N] -- "$PWD/build/host/bench/phase_bench"
 //
 // It writes the phase file "1\n0\n192.0.2.10\n" (phase 1, testing starts at once), runs the
-// unchanged tov_test (QT_QPA_PLATFORM=offscreen unless set) and watches the unit from outside:
-// the first pin export and the first unexport in /run/tovsim/gpio.journal bound the relay test,
-// /run/tovsim/module.log shows the module exchanges, the phase file changes when the phase ends,
-// and the fake /sbin/reboot writes its line in /run/tovsim/journal.
+// unchanged tov_test (QT_QPA_PLATFORM=offscreen unless set) and watches the unit from outside,
+// every 2 ms: "/home/tov_test.msr" appears and stops growing (NAND write), its copy arrives on the
+// WATCHTOWER server (upload), the first pin export in /run/tovsim/gpio.journal starts the relay
+// test, the module emulator's first line in /run/tovsim/module.log ends it, its last line ends the
+// module stage, the phase file changes when the run has ended, and the fake /sbin/reboot writes
+// its line in /run/tovsim/journal.
 //
 // With --clock-speed N the program runs under libfaketime, its waits taking 1/N of the time. This
 // benchmark takes itself out of libfaketime to time on the real clock, and scales back: a segment
