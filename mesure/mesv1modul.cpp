@@ -144,11 +144,14 @@ float MesV1Modul::CMv1_getMesureValue(int i)
     return value;
 }
 
-uint8_t MesV1Modul::CMv1sensorError(int i) const
+uint8_t MesV1Modul::CMv1sensorError(int i)
 {
-    if (i < 0 || i >= FIELD_COUNT)
+    // The flags change with the values, under the data lock, while the interface thread reads.
+    if (i < 0 || i >= FIELD_COUNT || !lock_CMv1datas())
         return 0;
-    return m_proc.sensorError[i];
+    const uint8_t flag = m_proc.sensorError[i];
+    unlock_CMv1datas();
+    return flag;
 }
 
 void MesV1Modul::CMv1_startPressureCalib(bool start)

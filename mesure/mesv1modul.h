@@ -75,7 +75,8 @@ public:
     uint8_t isCMv1connected() const { return m_proc.state; }
     int CMv1commCounter() const { return m_proc.commCounter; }
     void setCMv1commCounter(int count) { m_proc.commCounter = count; }
-    uint8_t CMv1sensorError(int i) const;
+    // 0 also when the data lock times out.
+    uint8_t CMv1sensorError(int i);
     void CMv1_startPressureCalib(bool start);
 
     bool CMV1_initComm();
