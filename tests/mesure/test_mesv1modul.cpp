@@ -33,7 +33,7 @@ TEST(MesV1Records, SizesAndDefaults)
     cmV1_config_t config;
     memset(&config, 0xAB, sizeof config);
     modul.cfg_getCMv1_Config(&config);
-    EXPECT_EQ(config.baudrate, 2400u);
+    EXPECT_EQ(+config.baudrate, 2400u);
     EXPECT_FLOAT_EQ(config.pressure20mA, 30.0f);
     EXPECT_FLOAT_EQ(config.pressure4mA, 0.0f);
     for (uint8_t b : config.reserved)
@@ -41,7 +41,7 @@ TEST(MesV1Records, SizesAndDefaults)
     cmV1_proc_values_t proc;
     memset(&proc, 0xAB, sizeof proc);
     MesV1Modul::cfg_initCMv1_ProcValue(&proc);
-    EXPECT_EQ(proc.commCounter, 0);
+    EXPECT_EQ(+proc.commCounter, 0);
     EXPECT_EQ(modul.isCMv1connected(), 0);
     CaptureStdout();
     modul.closeMesV1Modul();
