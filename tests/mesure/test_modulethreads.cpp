@@ -56,7 +56,8 @@ TEST(ModuleThreadsV1, ReaderSeesWholeValuesAndConfigurationsWhilePolling)
     b.pressure4mA = 10.0f;
 
     std::atomic<bool> done{false};
-    int torn = 0, reads = 0;
+    std::atomic<int> reads{0};
+    int torn = 0;
     std::thread reader([&] {
         while (!done) {
             const float t = modul.CMv1_getMesureValue(1);
@@ -71,7 +72,8 @@ TEST(ModuleThreadsV1, ReaderSeesWholeValuesAndConfigurationsWhilePolling)
             ++reads;
         }
     });
-    for (int i = 0; i < 20000; ++i) {
+    // Until the reader has had its share, however the machine schedules the two threads.
+    for (int i = 0; i < 20000 || reads < 1000; ++i) {
         modul.CMv1_applyReadings("00500", i % 2 ? "07410" : "08000", "06500", "99999", "12000");
         modul.cfg_setCMv1_Config(i % 2 ? &a : &b);
     }
@@ -79,7 +81,6 @@ TEST(ModuleThreadsV1, ReaderSeesWholeValuesAndConfigurationsWhilePolling)
     reader.join();
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(torn, 0);
-    EXPECT_GT(reads, 0);
     // The third temperature stayed out of range all along: flagged by the polling thread.
     EXPECT_EQ(modul.CMv1sensorError(3), 1);
 }
@@ -133,7 +134,8 @@ TEST(ModuleThreadsV2, ReaderSeesWholeRecordsWhileAnswersArrive)
     const Bytes cfg1 = answer(14, &c1, sizeof c1), cfg2 = answer(14, &c2, sizeof c2);
 
     std::atomic<bool> done{false};
-    int torn = 0, reads = 0;
+    std::atomic<int> reads{0};
+    int torn = 0;
     std::thread reader([&] {
         while (!done) {
             cm_datas_t d;
@@ -149,7 +151,7 @@ TEST(ModuleThreadsV2, ReaderSeesWholeRecordsWhileAnswersArrive)
             ++reads;
         }
     });
-    for (int i = 0; i < 20000; ++i) {
+    for (int i = 0; i < 20000 || reads < 1000; ++i) {
         const Bytes& d = i % 2 ? data1 : data2;
         const Bytes& c = i % 2 ? cfg1 : cfg2;
         EXPECT_EQ(modul.CM_parseRX_Datas(d.data(), static_cast<int>(d.size())), 0);
@@ -159,7 +161,6 @@ TEST(ModuleThreadsV2, ReaderSeesWholeRecordsWhileAnswersArrive)
     reader.join();
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(torn, 0);
-    EXPECT_GT(reads, 0);
 }
 
 TEST(ModuleThreadsV2, LockHeldElsewhereLeavesRecordsAloneAfterTwoSeconds)
