@@ -1,6 +1,7 @@
 #include "app/mainwindow.h"
 
 #include "app/fresultdisplay.h"
+#include "app/phasefile.h"
 #include "autotest/cautotestthread.h"
 #include "keyboard/rwkvirtualkeyboard.h"
 #include "net/interfacesfile.h"
@@ -83,16 +84,13 @@ void MainWindow::showNetworkForm()
 
 void MainWindow::readPhaseFile()
 {
-    // readFile_LinesNum always hands back as many entries as asked, so the three-line rule is
-    // checked on the whole file. Any other file, or a phase the bench never writes, counts as no
-    // file at all: the bench starts again from its first phase.
-    if (readFile_All(TOV_PHASE_FILE, m_cfgLines) && m_cfgLines.size() == 3) {
-        const long phase = strtol(m_cfgLines[0].c_str(), nullptr, 10);
-        if (phase >= 0 && phase < kLastPhase) {
-            m_phase = static_cast<int>(phase);
-            m_restoreChoice = static_cast<int>(strtol(m_cfgLines[1].c_str(), nullptr, 10));
-            m_serverAddress = QString::fromLocal8Bit(m_cfgLines[2].c_str());
-        }
+    // Any other file, or a phase the bench never writes, counts as no file at all: the bench
+    // starts again from its first phase.
+    TovPhaseState state;
+    if (tovReadPhaseFile(TOV_PHASE_FILE, state)) {
+        m_phase = state.phase;
+        m_restoreChoice = state.restoreChoice;
+        m_serverAddress = QString::fromLocal8Bit(state.serverAddress.c_str());
     }
     m_cfgLines.clear();
 }

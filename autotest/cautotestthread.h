@@ -6,6 +6,7 @@
 #include <QString>
 #include <QThread>
 
+#include <atomic>
 #include <string>
 
 class CComRS485;
@@ -59,7 +60,8 @@ private:
     void finish();
 
     std::string m_serverAddress;
-    bool m_resetState = false;
+    // Set by the GUI thread while run() goes on.
+    std::atomic<bool> m_resetState{false};
     int m_errorCount = 0;
 };
 

@@ -144,11 +144,14 @@ float MesV1Modul::CMv1_getMesureValue(int i)
     return value;
 }
 
-uint8_t MesV1Modul::CMv1sensorError(int i) const
+uint8_t MesV1Modul::CMv1sensorError(int i)
 {
-    if (i < 0 || i >= FIELD_COUNT)
+    // The flags change with the values, under the data lock, while the interface thread reads.
+    if (i < 0 || i >= FIELD_COUNT || !lock_CMv1datas())
         return 0;
-    return m_proc.sensorError[i];
+    const uint8_t flag = m_proc.sensorError[i];
+    unlock_CMv1datas();
+    return flag;
 }
 
 void MesV1Modul::CMv1_startPressureCalib(bool start)
@@ -170,6 +173,27 @@ bool MesV1Modul::CMV1_initComm()
     return found;
 }
 
+int MesV1Modul::CMv1_decodeAnswer(const char* answer, int count, char* f1, char* f2, char* f3,
+                                  char* f4, char* f5)
+{
+    if (count < 1 || answer == nullptr)
+        return RES_NO_ANSWER;
+    if (count != ANSWER_LENGTH)
+        return RES_BAD_LENGTH;
+    if (answer[0] == 0x01 && answer[1] == 0x02 && answer[2] == '9')
+        return RES_ECHO;
+    // A wrong header still hands its fields over: callers judge by the result.
+    const int result = (answer[0] == 0x01 && answer[1] == 0x02) ? RES_OK : RES_BAD_HEADER;
+    char* fields[FIELD_COUNT] = {f1, f2, f3, f4, f5};
+    for (int i = 0; i < FIELD_COUNT; ++i) {
+        if (fields[i] == nullptr)
+            continue;
+        memcpy(fields[i], answer + kFieldOffset[i], FIELD_SIZE - 1);
+        fields[i][FIELD_SIZE - 1] = '\0';
+    }
+    return result;
+}
+
 int MesV1Modul::acquisition_carteV1(int baud, char* f1, char* f2, char* f3, char* f4, char* f5)
 {
     char poll[POLL_LENGTH];
@@ -179,28 +203,12 @@ int MesV1Modul::acquisition_carteV1(int baud, char* f1, char* f2, char* f3, char
         ? -1
         : m_link->sendWaitForRespAuto(baud, poll, POLL_LENGTH, answer, ANSWER_LENGTH + 1, kTries);
 
-    int result;
-    if (count < 1) {
+    const int result = CMv1_decodeAnswer(answer, count, f1, f2, f3, f4, f5);
+    // An echoed poll leaves the counter alone: the module was not heard.
+    if (result == RES_NO_ANSWER)
         ++m_proc.commCounter;
-        result = RES_NO_ANSWER;
-    } else if (count == ANSWER_LENGTH) {
-        if (answer[0] == 0x01 && answer[1] == 0x02 && answer[2] == '9') {
-            usleep(250);
-            return RES_ECHO;
-        }
-        // A wrong header still hands its fields over: callers judge by the result.
-        result = (answer[0] == 0x01 && answer[1] == 0x02) ? RES_OK : RES_BAD_HEADER;
-        char* fields[FIELD_COUNT] = {f1, f2, f3, f4, f5};
-        for (int i = 0; i < FIELD_COUNT; ++i) {
-            if (fields[i] == nullptr)
-                continue;
-            memcpy(fields[i], answer + kFieldOffset[i], FIELD_SIZE - 1);
-            fields[i][FIELD_SIZE - 1] = '\0';
-        }
+    else if (result == RES_OK || result == RES_BAD_HEADER)
         m_proc.commCounter = 0;
-    } else {
-        result = RES_BAD_LENGTH;
-    }
     usleep(250);
     return result;
 }

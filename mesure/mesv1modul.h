@@ -75,12 +75,17 @@ public:
     uint8_t isCMv1connected() const { return m_proc.state; }
     int CMv1commCounter() const { return m_proc.commCounter; }
     void setCMv1commCounter(int count) { m_proc.commCounter = count; }
-    uint8_t CMv1sensorError(int i) const;
+    // 0 also when the data lock times out.
+    uint8_t CMv1sensorError(int i);
     void CMv1_startPressureCalib(bool start);
 
     bool CMV1_initComm();
     // One exchange at baud; fields are 6-byte buffers (5 characters and a zero).
     int acquisition_carteV1(int baud, char* f1, char* f2, char* f3, char* f4, char* f5);
+    // The answer of count bytes as acquisition_carteV1 reads it: its result, and the five fields
+    // copied (each 5 characters and a zero) when the answer has the right length and no echo.
+    static int CMv1_decodeAnswer(const char* answer, int count, char* f1, char* f2, char* f3,
+                                 char* f4, char* f5);
     // One poll cycle: exchange, then the readings of the answer. The exchange's result.
     int CM1_sendTo();
     // Steps of a good cycle after the exchange: reconnection, conversions, range counting and

@@ -347,6 +347,23 @@ bool Curl_Wrapper::QuoteCommand(const std::string& url, const std::string& remot
     return ok;
 }
 
+void Curl_Wrapper::filterListing(std::vector<std::string>& names, const std::string& pattern)
+{
+    if (pattern.empty() || names.empty())
+        return;
+    if (string_findSubStr(pattern, "*")) {
+        // Every piece must occur somewhere in the name; order and position are not checked.
+        const std::vector<std::string> pieces = string_split_stringDelim(pattern, "*");
+        std::vector<std::string> kept;
+        for (const std::string& name : names)
+            if (keptByPattern(name, pieces))
+                kept.push_back(name);
+        names.swap(kept);
+    } else {
+        filterVectorContainsStr(names, pattern);
+    }
+}
+
 bool Curl_Wrapper::ListDir(const std::string& url, const std::string& user, const std::string& password,
                            const std::string& remoteDir, std::vector<std::string>& result, const std::string& pattern)
 {
@@ -371,19 +388,7 @@ bool Curl_Wrapper::ListDir(const std::string& url, const std::string& user, cons
     if (!ok)
         return false;
 
-    if (!pattern.empty() && !names.empty()) {
-        if (string_findSubStr(pattern, "*")) {
-            // Every piece must occur somewhere in the name; order and position are not checked.
-            const std::vector<std::string> pieces = string_split_stringDelim(pattern, "*");
-            std::vector<std::string> kept;
-            for (const std::string& name : names)
-                if (keptByPattern(name, pieces))
-                    kept.push_back(name);
-            names.swap(kept);
-        } else {
-            filterVectorContainsStr(names, pattern);
-        }
-    }
+    filterListing(names, pattern);
     for (const std::string& name : names)
         result.push_back(remoteDir + name);
     return true;

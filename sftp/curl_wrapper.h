@@ -49,6 +49,9 @@ public:
     static int _CurlProgressCallback(void* wrapper, curl_off_t dlTotal, curl_off_t dlNow, curl_off_t ulTotal,
                                      curl_off_t ulNow);
     static size_t _CurlSftpListCallback(void* buf, size_t size, size_t n, void* list);
+    // ListDir's name filter, in place: "" keeps all; with "*", names holding every piece in any
+    // order; otherwise names containing the pattern.
+    static void filterListing(std::vector<std::string>& names, const std::string& pattern);
     void CurlProgressCallback(double total, double now);
 
 private:

@@ -164,6 +164,7 @@ private slots:
         QTest::newRow("empty") << "";
         QTest::newRow("phase never written") << "7\n0\n192.0.2.10\n";
         QTest::newRow("garbage") << "\x01\x02zz\n\xff\n\n";
+        QTest::newRow("cut in the address") << "1\n0\n192.0";
     }
 
     void phaseFileWithOtherThanThreeLinesMeansPhaseZero()

@@ -41,7 +41,8 @@ struct RunRecord {
     qint64 msFromEndLineToSignal = -1;
 };
 
-RunRecord runThread(bool resetState = false)
+// resetWhileRunning: the window's reset arrives from this thread once the run has started.
+RunRecord runThread(bool resetState = false, bool resetWhileRunning = false)
 {
     int argc = 1;
     char name[] = "unit_cautotestthread";
@@ -68,6 +69,8 @@ RunRecord runThread(bool resetState = false)
         run.msFromEndLineToSignal = sinceEndLine.isValid() ? sinceEndLine.elapsed() : -1;
     });
     thread.start();
+    if (resetWhileRunning)
+        thread.OnResetState(true);
     thread.wait();
     return run;
 }
@@ -202,6 +205,13 @@ TEST(TestThread, EarlierMeasurementFileIsAppendedTo)
     EXPECT_EQ(run.errors, 1);
 }
 
+TEST(TestThread, ResetFromTheWindowDuringARunCountsOneMore)
+{
+    const RunRecord run = runThread(/*resetState=*/false, /*resetWhileRunning=*/true);
+    EXPECT_EQ(run.endSignals, 1);
+    EXPECT_EQ(run.errors, 1);
+}
+
 TEST(TestThreadUpload, MeasurementFileReachesTheServer)
 {
     writeText(kMeasureFile, "measurement\n");
@@ -238,14 +248,23 @@ TEST(TestThreadUsed45, StorageWithMoreThan44MBUsedPasses)
 
 TEST(TestThreadFullHome, WriteFailureIsReportedAndCounted)
 {
+    // The bench's own files are there before /home fills up; the run must leave them alone.
+    const std::string phase = "1\n0\n192.0.2.10\n";
+    const std::string starter = "#!/bin/sh\nTOV_BIN_NAME=tov_test\n";
+    writeText("/home/TOV/tov_test.cfg", phase);
+    writeText("/home/TOV/tov_starter", starter);
     // Fill /home to the last page: the appends of the measurement file fail.
     writeText("/home/filler", "");
     const int status = system("cat /dev/zero > /home/filler 2>/dev/null");
     (void)status;
     const RunRecord run = runThread();
+    EXPECT_EQ(run.endSignals, 1);
     EXPECT_GE(indexOf(run.lines, "ERREUR Echec Test Ecriture fichier .msr"), 0);
     EXPECT_LT(indexOf(run.lines, "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs"), 0);
+    EXPECT_EQ(run.lines.value(run.lines.size() - 1), kEndLine);
     EXPECT_GE(run.errors, 1);
+    EXPECT_EQ(readText("/home/TOV/tov_test.cfg"), phase);
+    EXPECT_EQ(readText("/home/TOV/tov_starter"), starter);
 }
 
 // Network scenarios: each suite runs in a unit with the cable, dongle or server it names.
@@ -358,4 +377,73 @@ TEST(TestThreadModuleV2Faulty, FaultySensorsFourOfFiveCounted)
                            "ERREUR Sonde PT100 EXTERIEURE, veuillez vérifier!",
                            "ERREUR POIDS Jauge de Contrainte, veuillez vérifier!"}));
     EXPECT_EQ(run.errors, 4);
+}
+
+// Fault scenarios: a peer goes away or a piece of the board is missing; the run goes to its end.
+
+// The server is killed while it takes the file: the failure is shown, not counted, and the
+// measurement file stays as it was written. An earlier, large file makes the transfer last long
+// enough to be cut: the file is appended to, and sent whole.
+TEST(TestThreadServerKilled, UploadCutIsShownNotCountedAndTheFileStays)
+{
+    std::string earlier;
+    for (int i = 0; i < 200000; ++i)
+        earlier += "earlier measurement line of the previous phase " + std::to_string(i) + "\n";
+    writeText(kMeasureFile, earlier);
+    // As soon as the server opens the file it is receiving, every sshd of the unit is killed.
+    const int status = system("sh -c 'while [ ! -e /run/tovsim/watchtower/TOV/tests_tov/tov_test.msr ];"
+                              " do sleep 0.01; done; pkill -KILL -x sshd' >/dev/null 2>&1 &");
+    ASSERT_EQ(status, 0);
+    const RunRecord run = runThread();
+    EXPECT_EQ(run.endSignals, 1);
+    EXPECT_EQ(linesBetween(run.lines, "Test Lecture fichier de 256 lignes OK", "Librairie VITRANOL installée OK"),
+              QStringList({"Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
+                           "ERREUR transfert Fichier TOV_TEST.MSR sur WATCHTOWER"}));
+    EXPECT_EQ(run.lines.value(run.lines.size() - 1), kEndLine);
+    EXPECT_EQ(run.errors, 0);
+    const std::string local = readText(kMeasureFile);
+    EXPECT_EQ(local, run.measureFileWhenWritten);
+    EXPECT_EQ(local.rfind(earlier, 0), 0u);
+    EXPECT_LT(readText("/run/tovsim/watchtower/TOV/tests_tov/tov_test.msr").size(), local.size());
+}
+
+// The module is unplugged in the middle of its answers: the stage reports it and the run ends.
+TEST(TestThreadModuleV1Cut, ShortAnswerIsNoModule)
+{
+    const RunRecord run = runThread();
+    EXPECT_EQ(run.endSignals, 1);
+    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
+              QStringList({"ERREUR Aucun Modul MesureV1 ou V2 Détecté"}));
+    EXPECT_EQ(run.errors, 1);
+}
+
+TEST(TestThreadModuleV2Cut, ShortAnswerIsNoModule)
+{
+    const RunRecord run = runThread();
+    EXPECT_EQ(run.endSignals, 1);
+    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
+              QStringList({"ERREUR Aucun Modul MesureV1 ou V2 Détecté"}));
+    EXPECT_EQ(run.errors, 1);
+}
+
+// Without sysfs GPIO every pin reads -1, the value the loop starts from: no input line, no relay
+// line, the 40 seconds still pass and nothing is counted.
+TEST(TestThreadNoGpio, RelayStageShowsNothingAndTheRunGoesOn)
+{
+    const RunRecord run = runThread();
+    EXPECT_EQ(run.endSignals, 1);
+    EXPECT_EQ(linesBetween(run.lines, kRelayStage, "Modul MesureV2 version:2.5 Détecté OK"), QStringList());
+    EXPECT_EQ(run.lines.value(run.lines.size() - 1), kEndLine);
+    EXPECT_EQ(run.errors, 0);
+}
+
+// Without /ramdisk the command captures come back empty: the kernel line has no release, the
+// Ethernet line the unknown revision, and the run goes on.
+TEST(TestThreadNoRamdisk, CapturesReadEmpty)
+{
+    const RunRecord run = runThread();
+    EXPECT_EQ(run.endSignals, 1);
+    EXPECT_EQ(run.lines.value(0), "Kernel Version: ");
+    EXPECT_EQ(run.lines.value(1), "Composant ETHERNET: DM9000-X");
+    EXPECT_EQ(run.lines.value(run.lines.size() - 1), kEndLine);
 }

@@ -33,7 +33,7 @@ TEST(MesV1Records, SizesAndDefaults)
     cmV1_config_t config;
     memset(&config, 0xAB, sizeof config);
     modul.cfg_getCMv1_Config(&config);
-    EXPECT_EQ(config.baudrate, 2400u);
+    EXPECT_EQ(+config.baudrate, 2400u);
     EXPECT_FLOAT_EQ(config.pressure20mA, 30.0f);
     EXPECT_FLOAT_EQ(config.pressure4mA, 0.0f);
     for (uint8_t b : config.reserved)
@@ -41,7 +41,7 @@ TEST(MesV1Records, SizesAndDefaults)
     cmV1_proc_values_t proc;
     memset(&proc, 0xAB, sizeof proc);
     MesV1Modul::cfg_initCMv1_ProcValue(&proc);
-    EXPECT_EQ(proc.commCounter, 0);
+    EXPECT_EQ(+proc.commCounter, 0);
     EXPECT_EQ(modul.isCMv1connected(), 0);
     CaptureStdout();
     modul.closeMesV1Modul();
@@ -202,4 +202,57 @@ TEST(MesV1Records, GenericAccessByIdentifier)
     EXPECT_EQ(unknown.iValue, 0);
     EXPECT_EQ(unknown.value.i, 0);
     EXPECT_STREQ(unknown.text, "");
+}
+
+namespace {
+
+// A 33-byte answer: header, five fields separated by commas, two trailing bytes.
+std::string answerOf(const std::string& header, const std::string& fields)
+{
+    return header + fields + "\r\n";
+}
+
+} // namespace
+
+TEST(MesV1Decode, GoodAnswerFillsTheFieldsWrongHeaderToo)
+{
+    const std::string good = answerOf("\x01\x02", "00500,07410,06500,08000,12000");
+    ASSERT_EQ(good.size(), 33u);
+    char f[5][6];
+    memset(f, 'x', sizeof f);
+    EXPECT_EQ(MesV1Modul::CMv1_decodeAnswer(good.data(), 33, f[0], f[1], f[2], f[3], f[4]), MesV1Modul::RES_OK);
+    EXPECT_STREQ(f[0], "00500");
+    EXPECT_STREQ(f[1], "07410");
+    EXPECT_STREQ(f[4], "12000");
+
+    const std::string wrong = answerOf("\x02\x02", "11111,22222,33333,44444,55555");
+    EXPECT_EQ(MesV1Modul::CMv1_decodeAnswer(wrong.data(), 33, f[0], f[1], f[2], f[3], f[4]),
+              MesV1Modul::RES_BAD_HEADER);
+    EXPECT_STREQ(f[0], "11111");
+    EXPECT_STREQ(f[3], "44444");
+}
+
+TEST(MesV1Decode, EchoShortLongAndSilentAnswersLeaveTheFieldsAlone)
+{
+    // The module's own poll heard back, padded to an answer's length.
+    std::string echo("\x01\x02\x39\x0D", 4);
+    echo.append(29, '\0');
+    ASSERT_EQ(echo.size(), 33u);
+    char f[5][6];
+    memset(f, 'x', sizeof f);
+    EXPECT_EQ(MesV1Modul::CMv1_decodeAnswer(echo.data(), 33, f[0], f[1], f[2], f[3], f[4]), MesV1Modul::RES_ECHO);
+    const std::string good = answerOf("\x01\x02", "00500,07410,06500,08000,12000");
+    EXPECT_EQ(MesV1Modul::CMv1_decodeAnswer(good.data(), 32, f[0], f[1], f[2], f[3], f[4]),
+              MesV1Modul::RES_BAD_LENGTH);
+    EXPECT_EQ(MesV1Modul::CMv1_decodeAnswer(good.data(), 34, f[0], f[1], f[2], f[3], f[4]),
+              MesV1Modul::RES_BAD_LENGTH);
+    EXPECT_EQ(MesV1Modul::CMv1_decodeAnswer(good.data(), 0, f[0], f[1], f[2], f[3], f[4]),
+              MesV1Modul::RES_NO_ANSWER);
+    EXPECT_EQ(MesV1Modul::CMv1_decodeAnswer(good.data(), -1, f[0], f[1], f[2], f[3], f[4]),
+              MesV1Modul::RES_NO_ANSWER);
+    for (const auto& field : f)
+        EXPECT_EQ(std::string(field, 6), "xxxxxx");
+    // Null fields are skipped, not written through.
+    EXPECT_EQ(MesV1Modul::CMv1_decodeAnswer(good.data(), 33, nullptr, nullptr, nullptr, nullptr, nullptr),
+              MesV1Modul::RES_OK);
 }

@@ -80,20 +80,20 @@ TEST(MesV2Records, DefaultsAndMessages)
     EXPECT_EQ(GetCapturedStdout(), "[MesV2Modul] Started\n[MesV2Modul] initMesV2Modul OK\n");
     EXPECT_EQ(modul.lastCommandSent(), 10);
     const cm_proc_values_t proc = modul.procValues();
-    EXPECT_EQ(proc.state, 0);
-    EXPECT_EQ(proc.nextCommand, 12);
-    EXPECT_EQ(proc.moduleAddress, 1);
-    EXPECT_EQ(proc.pt100CalibChannel, -1);
-    EXPECT_EQ(proc.gaugeCalibChannel, -1);
+    EXPECT_EQ(+proc.state, 0);
+    EXPECT_EQ(+proc.nextCommand, 12);
+    EXPECT_EQ(+proc.moduleAddress, 1);
+    EXPECT_EQ(+proc.pt100CalibChannel, -1);
+    EXPECT_EQ(+proc.gaugeCalibChannel, -1);
     cm_config_t config;
     modul.cfg_getCM_Config(&config);
-    EXPECT_EQ(config.format, 1);
-    EXPECT_EQ(config.configured, 0);
+    EXPECT_EQ(+config.format, 1);
+    EXPECT_EQ(+config.configured, 0);
     EXPECT_FLOAT_EQ(config.setting118, 20.0f);
     EXPECT_FLOAT_EQ(config.setting119, 2.0f);
     EXPECT_FLOAT_EQ(config.setting121, 30.0f);
-    EXPECT_EQ(config.setting129, 2400);
-    EXPECT_EQ(config.busBaudrate, 9600);
+    EXPECT_EQ(+config.setting129, 2400);
+    EXPECT_EQ(+config.busBaudrate, 9600);
     EXPECT_EQ(modul.getCFG_struct(115).iValue2, 1);
     EXPECT_EQ(modul.getCFG_struct(130).iValue2, 9600);
     EXPECT_EQ(modul.getCFG_struct(129).iValue2, 2400);
@@ -139,7 +139,7 @@ TEST(MesV2Frames, ConfigurationWriteForcesTheConfiguredMarker)
     EXPECT_EQ(frame[2], 0);
     cm_config_t sent;
     memcpy(&sent, frame.data() + 6, sizeof sent);
-    EXPECT_EQ(sent.configured, 1);
+    EXPECT_EQ(+sent.configured, 1);
     EXPECT_FLOAT_EQ(sent.setting121, 42.5f);
     EXPECT_EQ(frame.back(), 0);
     const Bytes payload(frame.begin() + 6, frame.end() - 1);
@@ -180,7 +180,7 @@ TEST(MesV2Parse, ConnectAnswerStoresTheModuleInformation)
     EXPECT_EQ(modul.isCMconnected(), 1);
     EXPECT_EQ(modul.getCMcmdToSend(), 13);
     EXPECT_FLOAT_EQ(modul.getCFG_struct(114).valueAsFloat(), 3.25f);
-    EXPECT_EQ(modul.procValues().module.configured, 1);
+    EXPECT_EQ(+modul.procValues().module.configured, 1);
     EXPECT_NE(modul.CMcommCounter(), 0); // the time of the answer
 }
 
@@ -254,7 +254,7 @@ TEST(MesV2Parse, CalibrationAcknowledgeAndState)
     modul.sendCalibPT100(1);
     EXPECT_EQ(modul.cfg_getCM_SensorCalibState(2), 1);
     EXPECT_EQ(parse(modul, answer(25, Bytes{0})), 0);
-    EXPECT_EQ(modul.procValues().pt100CalibChannel, -1);
+    EXPECT_EQ(+modul.procValues().pt100CalibChannel, -1);
     EXPECT_EQ(modul.getCMcmdToSend(), 27);
     // Still calibrating: next command unchanged.
     EXPECT_EQ(parse(modul, answer(27, Bytes{0xFF, 0, 0, 0, 1, 0})), 0);
@@ -268,7 +268,7 @@ TEST(MesV2Parse, CalibrationAcknowledgeAndState)
     modul.sendCalibJauge(2);
     EXPECT_EQ(modul.cfg_getCM_SensorCalibState(0), 2);
     EXPECT_EQ(parse(modul, answer(25, Bytes{0})), 0);
-    EXPECT_EQ(modul.procValues().gaugeCalibChannel, -1);
+    EXPECT_EQ(+modul.procValues().gaugeCalibChannel, -1);
     EXPECT_EQ(modul.getCMcmdToSend(), 27);
     modul.setCMcmdToSend(13);
     EXPECT_EQ(parse(modul, answer(25, Bytes{0})), 0);
@@ -332,10 +332,10 @@ TEST(MesV2Records, ConfigurationByIdentifier)
     EXPECT_TRUE(modul.setCFG_struct(118, nullptr));
     cm_config_t config;
     modul.cfg_getCM_Config(&config);
-    EXPECT_EQ(config.configured, 1);
-    EXPECT_EQ(config.setting117, 4);
-    EXPECT_EQ(config.busBaudrate, 19200);
-    EXPECT_EQ(config.setting129, 3000);
+    EXPECT_EQ(+config.configured, 1);
+    EXPECT_EQ(+config.setting117, 4);
+    EXPECT_EQ(+config.busBaudrate, 19200);
+    EXPECT_EQ(+config.setting129, 3000);
     EXPECT_FLOAT_EQ(config.setting118, 7.75f);
     EXPECT_FLOAT_EQ(config.setting128, 17.75f);
     EXPECT_EQ(modul.getCFG_struct(116).iValue, 1);

@@ -70,3 +70,28 @@ TEST(CurlWrapperArguments, MissingMandatoryArgumentsFailBeforeAnyTransfer)
     EXPECT_FALSE(curl.ListDir("", "u", "p", "d/", names, ""));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
+
+TEST(CurlWrapperListing, FilterKeepsNamesHoldingThePatternOrEveryPieceInAnyOrder)
+{
+    const std::vector<std::string> names = {"ab.msr", "ba.msr", "a.msr", "notes.txt"};
+    std::vector<std::string> kept = names;
+    Curl_Wrapper::filterListing(kept, "a*b");
+    EXPECT_EQ(kept, (std::vector<std::string>{"ab.msr", "ba.msr"}));
+
+    kept = names;
+    Curl_Wrapper::filterListing(kept, ".msr");
+    EXPECT_EQ(kept, (std::vector<std::string>{"ab.msr", "ba.msr", "a.msr"}));
+
+    kept = names;
+    Curl_Wrapper::filterListing(kept, "");
+    EXPECT_EQ(kept, names);
+
+    // A pattern of stars alone has no piece to miss.
+    kept = names;
+    Curl_Wrapper::filterListing(kept, "**");
+    EXPECT_EQ(kept, names);
+
+    kept = names;
+    Curl_Wrapper::filterListing(kept, "zz");
+    EXPECT_TRUE(kept.empty());
+}

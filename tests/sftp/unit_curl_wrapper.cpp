@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <thread>
+#include <vector>
 
 using tovtest::readText;
 using tovtest::writeText;
@@ -161,6 +163,32 @@ TEST(Watchtower, ListDirFiltersNamesAndPrefixesTheFolder)
 }
 
 // In a unit whose server refuses the bench's password.
+// One wrapper shared by two threads: its mutex runs the operations one after the other, and both
+// files arrive whole.
+TEST(Watchtower, TwoThreadsShareOneWrapper)
+{
+    const std::string text = measurementText();
+    writeText("/home/first.msr", text);
+    writeText("/home/second.msr", text + text);
+    Curl_Wrapper curl;
+    bool first = false, second = false;
+    std::thread other([&] {
+        Curl_Wrapper::UploadMap files{{{"/home/first.msr", "~/TOV/tests_tov"}, false}};
+        for (int i = 0; i < 3; ++i)
+            first = curl.Upload(kUrl, kUser, kPassword, files);
+    });
+    Curl_Wrapper::UploadMap files{{{"/home/second.msr", "~/TOV/tests_tov"}, false}};
+    for (int i = 0; i < 3; ++i)
+        second = curl.Upload(kUrl, kUser, kPassword, files);
+    std::vector<std::string> names;
+    EXPECT_TRUE(curl.ListDir(kUrl, kUser, kPassword, "~/TOV/tests_tov/", names, ".msr"));
+    other.join();
+    EXPECT_TRUE(first);
+    EXPECT_TRUE(second);
+    EXPECT_EQ(readText(kServerDir + "first.msr"), text);
+    EXPECT_EQ(readText(kServerDir + "second.msr"), text + text);
+}
+
 TEST(WatchtowerBadPassword, EveryOperationFailsWithLoginDenied)
 {
     writeText("/home/tov_test.msr", "x\n");
