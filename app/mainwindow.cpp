@@ -58,6 +58,11 @@ MainWindow::MainWindow(QWidget* parent)
 
 MainWindow::~MainWindow()
 {
+    if (m_thread != nullptr) {
+        // A run still going is waited for: deleting a running thread would abort the program.
+        m_thread->wait();
+        delete m_thread;
+    }
     delete m_keyboard;
     delete ui;
 }

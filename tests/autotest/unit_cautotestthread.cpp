@@ -1,6 +1,6 @@
 // Whole runs of the test thread in a simulated unit, its result lines checked against the unit's
-// real files. The units run at ten times clock speed (see CMakeLists.txt), so one run takes about
-// five seconds instead of fifty.
+// real files. The units run at ten times clock speed (four where timing matters, see
+// CMakeLists.txt), so one run takes about five seconds instead of fifty.
 #include "autotest/cautotestthread.h"
 
 #include "testfiles.h"

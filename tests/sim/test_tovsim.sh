@@ -233,8 +233,8 @@ case_cable_from_this_machine() {
     local name=tovsim-test-$$ pid
     "$TOVSIM" exec --name "$name" -- sh -c 'carrier() { cat /sys/class/net/eth0/carrier; }
         echo "carrier $(carrier)"
-        for i in $(seq 200); do [ "$(carrier)" = 0 ] && break; sleep 0.05; done; echo "carrier $(carrier)"
-        for i in $(seq 200); do [ "$(carrier)" = 1 ] && break; sleep 0.05; done; echo "carrier $(carrier)"' \
+        for i in $(seq 600); do [ "$(carrier)" = 0 ] && break; sleep 0.05; done; echo "carrier $(carrier)"
+        for i in $(seq 600); do [ "$(carrier)" = 1 ] && break; sleep 0.05; done; echo "carrier $(carrier)"' \
         >"$SCRATCH/out" &
     pid=$!
     # The cable command waits for the unit to be up.
