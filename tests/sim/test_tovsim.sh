@@ -237,11 +237,14 @@ case_cable_from_this_machine() {
         for i in $(seq 600); do [ "$(carrier)" = 1 ] && break; sleep 0.05; done; echo "carrier $(carrier)"' \
         >"$SCRATCH/out" &
     pid=$!
-    # The cable command waits for the unit to be up.
+    # Each step waits for the command to have seen the previous one.
+    lines_out() { for _ in $(seq 600); do [[ $(grep -c . "$SCRATCH/out") -ge $1 ]] && return; sleep 0.05; done; }
+    lines_out 1
     "$TOVSIM" cable "$name" unplugged
     check "cable command status" 0 "$?"
     "$TOVSIM" exec --name "$name" -- true 2>/dev/null
     check "a second unit with the same name refused" 2 "$?"
+    lines_out 2
     "$TOVSIM" cable "$name" plugged
     wait "$pid"
     check "the running command saw the cable pulled and put back" "carrier 1
