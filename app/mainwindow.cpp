@@ -97,7 +97,6 @@ void MainWindow::readPhaseFile()
         m_restoreChoice = state.restoreChoice;
         m_serverAddress = QString::fromLocal8Bit(state.serverAddress.c_str());
     }
-    m_cfgLines.clear();
 }
 
 void MainWindow::writePhaseFile()

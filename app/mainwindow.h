@@ -8,9 +8,6 @@
 #include <QMainWindow>
 #include <QString>
 
-#include <string>
-#include <vector>
-
 class QShowEvent;
 class QStackedWidget;
 class QWidget;
@@ -62,7 +59,6 @@ private:
     RWKVirtualKeyboard* m_keyboard = nullptr;
     fResultDisplay* m_resultDisplay = nullptr;
     fNetworkConf* m_networkForm = nullptr;
-    std::vector<std::string> m_cfgLines;
     int m_restoreChoice = 0;
     QString m_serverAddress;
     fNetworkConf::Settings m_savedSettings; // taken at test start, put back after a failed run

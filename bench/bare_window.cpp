@@ -1,7 +1,7 @@
-// bare_window: the smallest Qt Widgets program that shows a 640x480 window, the yardstick that
-// startup_bench measures tov_test against. It does nothing but show the window and wait.
-// With --text the window shows one line of text: the same yardstick plus the cost of loading
-// fonts, which every real screen pays and an empty window does not.
+// bare_window: the smallest Qt Widgets program that shows a 640x480 window. It does nothing but
+// show the window and wait. With --text the window shows one line of text: that is the yardstick
+// startup_bench measures tov_test against, since every real screen pays for loading fonts and an
+// empty window does not.
 #include <QApplication>
 #include <QLabel>
 #include <QWidget>

@@ -18,13 +18,13 @@ std::string removalCommand(const std::string& remotePath)
     return "rm " + path;
 }
 
-curl_slist* commandList(const std::vector<std::string>& commands)
+curl_slist* commandList(const CurlLibrary& lib, const std::vector<std::string>& commands)
 {
     curl_slist* list = nullptr;
     for (const std::string& command : commands) {
-        curl_slist* grown = curl_slist_append(list, command.c_str());
+        curl_slist* grown = lib.slist_append(list, command.c_str());
         if (grown == nullptr) {
-            curl_slist_free_all(list);
+            lib.slist_free_all(list);
             return nullptr;
         }
         list = grown;
@@ -54,7 +54,7 @@ Curl_Wrapper::~Curl_Wrapper()
 
 bool Curl_Wrapper::initCurl_Wrapper()
 {
-    if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK) {
+    if (!m_lib.loaded() || m_lib.global_init(CURL_GLOBAL_ALL) != CURLE_OK) {
         puts("[Curl_Wrapper] Init ERROR");
         return false;
     }
@@ -63,7 +63,16 @@ bool Curl_Wrapper::initCurl_Wrapper()
 
 void Curl_Wrapper::closeCurl_Wrapper()
 {
-    curl_global_cleanup();
+    if (m_lib.loaded())
+        m_lib.global_cleanup();
+}
+
+CURL* Curl_Wrapper::newHandle()
+{
+    if (!m_lib.loaded())
+        return nullptr;
+    m_lib.global_init(CURL_GLOBAL_ALL);
+    return m_lib.easy_init();
 }
 
 std::string Curl_Wrapper::getFileNameFromPath(const std::string& path)
@@ -108,24 +117,24 @@ void Curl_Wrapper::CurlProgressCallback(double /*total*/, double /*now*/)
 
 void Curl_Wrapper::setProgress(CURL* curl, long noProgress)
 {
-    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, noProgress);
-    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &Curl_Wrapper::_CurlProgressCallback);
-    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, this);
+    m_lib.easy_setopt(curl, CURLOPT_NOPROGRESS, noProgress);
+    m_lib.easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &Curl_Wrapper::_CurlProgressCallback);
+    m_lib.easy_setopt(curl, CURLOPT_XFERINFODATA, this);
 }
 
 void Curl_Wrapper::setCredentials(CURL* curl, const std::string& user, const std::string& password)
 {
     if (!user.empty())
-        curl_easy_setopt(curl, CURLOPT_USERPWD, user.c_str());
+        m_lib.easy_setopt(curl, CURLOPT_USERPWD, user.c_str());
     if (!password.empty())
-        curl_easy_setopt(curl, CURLOPT_PASSWORD, password.c_str());
+        m_lib.easy_setopt(curl, CURLOPT_PASSWORD, password.c_str());
 }
 
 bool Curl_Wrapper::perform(CURL* curl)
 {
-    const CURLcode code = curl_easy_perform(curl);
+    const CURLcode code = m_lib.easy_perform(curl);
     if (code != CURLE_OK) {
-        printf("curl: error: %s\n", curl_easy_strerror(code));
+        printf("curl: error: %s\n", m_lib.easy_strerror(code));
         return false;
     }
     return true;
@@ -136,16 +145,15 @@ bool Curl_Wrapper::TestConnection(const std::string& url, const std::string& use
     std::lock_guard<std::mutex> lock(m_mutex);
     if (url.empty())
         return false;
-    curl_global_init(CURL_GLOBAL_ALL);
-    CURL* curl = curl_easy_init();
+    CURL* curl = newHandle();
     if (curl == nullptr)
         return false;
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    m_lib.easy_setopt(curl, CURLOPT_URL, url.c_str());
     setProgress(curl, 0);
-    curl_easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
+    m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
     setCredentials(curl, user, password);
     const bool ok = perform(curl);
-    curl_easy_cleanup(curl);
+    m_lib.easy_cleanup(curl);
     return ok;
 }
 
@@ -155,21 +163,20 @@ bool Curl_Wrapper::DeleteFile(const std::string& url, const std::string& remoteP
     std::lock_guard<std::mutex> lock(m_mutex);
     if (url.empty() || remotePath.empty())
         return false;
-    curl_global_init(CURL_GLOBAL_ALL);
-    CURL* curl = curl_easy_init();
+    CURL* curl = newHandle();
     if (curl == nullptr)
         return false;
-    curl_slist* commands = commandList({removalCommand(remotePath)});
+    curl_slist* commands = commandList(m_lib, {removalCommand(remotePath)});
     if (commands == nullptr) {
-        curl_easy_cleanup(curl);
+        m_lib.easy_cleanup(curl);
         return false;
     }
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_QUOTE, commands);
+    m_lib.easy_setopt(curl, CURLOPT_URL, url.c_str());
+    m_lib.easy_setopt(curl, CURLOPT_QUOTE, commands);
     setCredentials(curl, user, password);
     const bool ok = perform(curl);
-    curl_slist_free_all(commands);
-    curl_easy_cleanup(curl);
+    m_lib.slist_free_all(commands);
+    m_lib.easy_cleanup(curl);
     return ok;
 }
 
@@ -179,14 +186,13 @@ bool Curl_Wrapper::Upload(const std::string& url, const std::string& user, const
     std::lock_guard<std::mutex> lock(m_mutex);
     if (url.empty())
         return false;
-    curl_global_init(CURL_GLOBAL_ALL);
-    CURL* curl = curl_easy_init();
+    CURL* curl = newHandle();
     if (curl == nullptr)
         return false;
-    curl_easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
-    curl_easy_setopt(curl, CURLOPT_UPLOAD, 1L);
+    m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
+    m_lib.easy_setopt(curl, CURLOPT_UPLOAD, 1L);
     setProgress(curl, 0);
-    curl_easy_setopt(curl, CURLOPT_READFUNCTION, &Curl_Wrapper::_CurlReadCallback);
+    m_lib.easy_setopt(curl, CURLOPT_READFUNCTION, &Curl_Wrapper::_CurlReadCallback);
     setCredentials(curl, user, password);
 
     bool result = true;
@@ -201,9 +207,9 @@ bool Curl_Wrapper::Upload(const std::string& url, const std::string& user, const
         FILE* file = fopen(localPath.c_str(), "rb");
         if (file == nullptr)
             continue; // an unreadable file leaves the result as it is, as it always has
-        curl_easy_setopt(curl, CURLOPT_READDATA, file);
-        curl_easy_setopt(curl, CURLOPT_URL, remoteUrl.c_str());
-        curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(st.st_size));
+        m_lib.easy_setopt(curl, CURLOPT_READDATA, file);
+        m_lib.easy_setopt(curl, CURLOPT_URL, remoteUrl.c_str());
+        m_lib.easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(st.st_size));
         const bool sent = perform(curl);
         fclose(file);
         if (!sent)
@@ -211,7 +217,7 @@ bool Curl_Wrapper::Upload(const std::string& url, const std::string& user, const
         else if (entry.second)
             tovFileDelete(localPath);
     }
-    curl_easy_cleanup(curl);
+    m_lib.easy_cleanup(curl);
     return result;
 }
 
@@ -221,8 +227,7 @@ bool Curl_Wrapper::Download(const std::string& url, const std::string& user, con
     std::lock_guard<std::mutex> lock(m_mutex);
     if (url.empty() || remotePath.empty() || localPath.empty())
         return false;
-    curl_global_init(CURL_GLOBAL_ALL);
-    CURL* curl = curl_easy_init();
+    CURL* curl = newHandle();
     if (curl == nullptr)
         return false;
     const std::string remoteUrl = url + "/" + remotePath;
@@ -230,26 +235,26 @@ bool Curl_Wrapper::Download(const std::string& url, const std::string& user, con
         tovFileDelete(localPath);
     FILE* file = fopen(localPath.c_str(), "wb+");
     if (file == nullptr) {
-        curl_easy_cleanup(curl);
+        m_lib.easy_cleanup(curl);
         return false;
     }
-    curl_easy_setopt(curl, CURLOPT_URL, remoteUrl.c_str());
+    m_lib.easy_setopt(curl, CURLOPT_URL, remoteUrl.c_str());
     setProgress(curl, 0);
-    curl_easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlWriteCallback);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, file);
+    m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
+    m_lib.easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlWriteCallback);
+    m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, file);
     setCredentials(curl, user, password);
     curl_slist* commands = nullptr;
     if (removeRemote) {
-        commands = commandList({removalCommand(remotePath)});
+        commands = commandList(m_lib, {removalCommand(remotePath)});
         if (commands != nullptr)
-            curl_easy_setopt(curl, CURLOPT_POSTQUOTE, commands);
+            m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, commands);
     }
-    curl_easy_setopt(curl, CURLOPT_FTP_FILEMETHOD, static_cast<long>(CURLFTPMETHOD_NOCWD));
+    m_lib.easy_setopt(curl, CURLOPT_FTP_FILEMETHOD, static_cast<long>(CURLFTPMETHOD_NOCWD));
     const bool ok = perform(curl);
     fclose(file); // a partial file stays for the caller to look at
-    curl_slist_free_all(commands);
-    curl_easy_cleanup(curl);
+    m_lib.slist_free_all(commands);
+    m_lib.easy_cleanup(curl);
     return ok;
 }
 
@@ -259,13 +264,12 @@ bool Curl_Wrapper::Download(const std::string& url, const std::string& user, con
     std::lock_guard<std::mutex> lock(m_mutex);
     if (url.empty())
         return false;
-    curl_global_init(CURL_GLOBAL_ALL);
-    CURL* curl = curl_easy_init();
+    CURL* curl = newHandle();
     if (curl == nullptr)
         return false;
-    curl_easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
+    m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
     setProgress(curl, 0);
-    curl_easy_setopt(curl, CURLOPT_FTP_FILEMETHOD, static_cast<long>(CURLFTPMETHOD_NOCWD));
+    m_lib.easy_setopt(curl, CURLOPT_FTP_FILEMETHOD, static_cast<long>(CURLFTPMETHOD_NOCWD));
     setCredentials(curl, user, password);
 
     bool result = true;
@@ -274,29 +278,29 @@ bool Curl_Wrapper::Download(const std::string& url, const std::string& user, con
         const std::string localPath = it->first.second + getFileNameFromPath(remotePath);
         // This form's command ends in a line feed, unlike the others: kept as the server has
         // always received it.
-        curl_slist* commands = it->second.first ? commandList({removalCommand(remotePath) + "\n"}) : nullptr;
+        curl_slist* commands = it->second.first ? commandList(m_lib, {removalCommand(remotePath) + "\n"}) : nullptr;
         const std::string remoteUrl = url + "/" + remotePath;
-        curl_easy_setopt(curl, CURLOPT_URL, remoteUrl.c_str());
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlWriteCallback);
+        m_lib.easy_setopt(curl, CURLOPT_URL, remoteUrl.c_str());
+        m_lib.easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlWriteCallback);
         setProgress(curl, 0);
         // Cleared for entries without removal, so the handle never points at a freed list.
-        curl_easy_setopt(curl, CURLOPT_POSTQUOTE, commands);
+        m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, commands);
 
         FILE* file = fopen(localPath.c_str(), "wb+");
         if (file == nullptr) {
             result = false;
-            curl_easy_setopt(curl, CURLOPT_POSTQUOTE, nullptr);
-            curl_slist_free_all(commands);
+            m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, nullptr);
+            m_lib.slist_free_all(commands);
             ++it;
             continue;
         }
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, file);
-        const CURLcode code = curl_easy_perform(curl);
+        m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, file);
+        const CURLcode code = m_lib.easy_perform(curl);
         fclose(file);
-        curl_easy_setopt(curl, CURLOPT_POSTQUOTE, nullptr);
-        curl_slist_free_all(commands);
+        m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, nullptr);
+        m_lib.slist_free_all(commands);
         if (code != CURLE_OK) {
-            printf("curl: error: %s\n", curl_easy_strerror(code));
+            printf("curl: error: %s\n", m_lib.easy_strerror(code));
             it->second.second = 0;
             it = files.erase(it);
             tovFileDelete(localPath);
@@ -305,7 +309,7 @@ bool Curl_Wrapper::Download(const std::string& url, const std::string& user, con
             ++it;
         }
     }
-    curl_easy_cleanup(curl);
+    m_lib.easy_cleanup(curl);
     return result;
 }
 
@@ -316,34 +320,33 @@ bool Curl_Wrapper::QuoteCommand(const std::string& url, const std::string& remot
     std::lock_guard<std::mutex> lock(m_mutex);
     if (url.empty() || remotePart.empty() || localFile.empty())
         return false;
-    curl_global_init(CURL_GLOBAL_ALL);
-    CURL* curl = curl_easy_init();
+    CURL* curl = newHandle();
     if (curl == nullptr)
         return false;
-    curl_slist* quote = commandList(before);
-    curl_slist* postQuote = commandList(after);
+    curl_slist* quote = commandList(m_lib, before);
+    curl_slist* postQuote = commandList(m_lib, after);
     const std::string fullUrl = url + remotePart;
     FILE* file = fopen(localFile.c_str(), "wb+");
     if (file == nullptr) {
-        curl_slist_free_all(quote);
-        curl_slist_free_all(postQuote);
-        curl_easy_cleanup(curl);
+        m_lib.slist_free_all(quote);
+        m_lib.slist_free_all(postQuote);
+        m_lib.easy_cleanup(curl);
         return false;
     }
-    curl_easy_setopt(curl, CURLOPT_URL, fullUrl.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlWriteCallback);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, file);
+    m_lib.easy_setopt(curl, CURLOPT_URL, fullUrl.c_str());
+    m_lib.easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlWriteCallback);
+    m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, file);
     setProgress(curl, 0);
     if (quote != nullptr)
-        curl_easy_setopt(curl, CURLOPT_QUOTE, quote);
+        m_lib.easy_setopt(curl, CURLOPT_QUOTE, quote);
     if (postQuote != nullptr)
-        curl_easy_setopt(curl, CURLOPT_POSTQUOTE, postQuote);
+        m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, postQuote);
     setCredentials(curl, user, password);
     const bool ok = perform(curl);
     fclose(file);
-    curl_slist_free_all(quote);
-    curl_slist_free_all(postQuote);
-    curl_easy_cleanup(curl);
+    m_lib.slist_free_all(quote);
+    m_lib.slist_free_all(postQuote);
+    m_lib.easy_cleanup(curl);
     return ok;
 }
 
@@ -370,21 +373,20 @@ bool Curl_Wrapper::ListDir(const std::string& url, const std::string& user, cons
     std::lock_guard<std::mutex> lock(m_mutex);
     if (url.empty())
         return false;
-    curl_global_init(CURL_GLOBAL_ALL);
-    CURL* curl = curl_easy_init();
+    CURL* curl = newHandle();
     if (curl == nullptr)
         return false;
     std::vector<std::string> names;
     const std::string fullUrl = url + "/" + remoteDir;
-    curl_easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
-    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlSftpListCallback);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &names);
-    curl_easy_setopt(curl, CURLOPT_DIRLISTONLY, 1L);
+    m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
+    m_lib.easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
+    m_lib.easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlSftpListCallback);
+    m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, &names);
+    m_lib.easy_setopt(curl, CURLOPT_DIRLISTONLY, 1L);
     setCredentials(curl, user, password);
-    curl_easy_setopt(curl, CURLOPT_URL, fullUrl.c_str());
-    const bool ok = curl_easy_perform(curl) == CURLE_OK; // a failed listing prints nothing
-    curl_easy_cleanup(curl);
+    m_lib.easy_setopt(curl, CURLOPT_URL, fullUrl.c_str());
+    const bool ok = m_lib.easy_perform(curl) == CURLE_OK; // a failed listing prints nothing
+    m_lib.easy_cleanup(curl);
     if (!ok)
         return false;
 

@@ -5,6 +5,8 @@
 #ifndef TOV_SFTP_CURL_WRAPPER_H
 #define TOV_SFTP_CURL_WRAPPER_H
 
+#include "sftp/curllibrary.h"
+
 #include <curl/curl.h>
 
 #include <cstddef>
@@ -55,10 +57,14 @@ public:
     void CurlProgressCallback(double total, double now);
 
 private:
+    // A new easy handle, the library's global state set up first as every operation has always
+    // done; null when libcurl is missing.
+    CURL* newHandle();
     void setProgress(CURL* curl, long noProgress);
-    static void setCredentials(CURL* curl, const std::string& user, const std::string& password);
-    static bool perform(CURL* curl);
+    void setCredentials(CURL* curl, const std::string& user, const std::string& password);
+    bool perform(CURL* curl);
 
+    CurlLibrary m_lib;
     std::mutex m_mutex;
 };
 

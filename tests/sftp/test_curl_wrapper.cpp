@@ -1,5 +1,6 @@
 // The callbacks and helpers of the SFTP wrapper, without a server.
 #include "sftp/curl_wrapper.h"
+#include "sftp/curllibrary.h"
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,25 @@ size_t deliver(std::vector<std::string>* list, const std::string& block)
 }
 
 } // namespace
+
+TEST(CurlLibrary, OpensLibcurlAndBindsEveryEntryPoint)
+{
+    CurlLibrary lib;
+    ASSERT_TRUE(lib.loaded()) << lib.error();
+    EXPECT_EQ(lib.error(), "");
+    EXPECT_STREQ(lib.easy_strerror(CURLE_OK), "No error");
+    ASSERT_EQ(lib.global_init(CURL_GLOBAL_ALL), CURLE_OK);
+    CURL* handle = lib.easy_init();
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(lib.easy_setopt(handle, CURLOPT_URL, "sftp://192.0.2.1/"), CURLE_OK);
+    curl_slist* list = lib.slist_append(nullptr, "rm a");
+    ASSERT_NE(list, nullptr);
+    EXPECT_STREQ(list->data, "rm a");
+    lib.slist_free_all(list);
+    lib.easy_cleanup(handle);
+    lib.global_cleanup();
+    EXPECT_NE(lib.easy_perform, nullptr);
+}
 
 TEST(CurlWrapperCallbacks, ListingTakesOneNamePerBlockWithoutDotNames)
 {
