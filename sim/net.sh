@@ -43,15 +43,21 @@ net_find_unit() {
     [[ -n $found ]] && printf '%s\n' "$found"
 }
 
-# tovsim cable NAME plugged|unplugged
+# tovsim cable [--wait SECONDS] NAME plugged|unplugged
 cmd_cable() {
+    # A unit just started may not be up yet (a loaded machine takes seconds to start its servers):
+    # it is given time to appear with its cable, 30 s unless told.
+    local wait=30
+    if [[ ${1-} == --wait ]]; then
+        [[ ${2-} =~ ^[0-9]+$ ]] || die "--wait takes a number of seconds"
+        wait=$2
+        shift 2
+    fi
     [[ $# -eq 2 ]] || usage
     net_check_option --name "$1"
     net_check_option --cable "$2"
     [[ $(id -u) -eq 0 ]] || die "the simulated unit needs root"
-    # A unit just started may not be up yet (a loaded machine takes seconds to start its servers):
-    # give it time to appear with its cable.
-    local pid="" deadline=$((SECONDS + 30))
+    local pid="" deadline=$((SECONDS + wait))
     while :; do
         pid=$(net_find_unit "$1") && nsenter -t "$pid" -m -r -- test -x "$NET_CABLE_SCRIPT" 2>/dev/null &&
             break

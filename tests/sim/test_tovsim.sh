@@ -250,8 +250,10 @@ case_cable_from_this_machine() {
     check "the running command saw the cable pulled and put back" "carrier 1
 carrier 0
 carrier 1" "$(cat "$SCRATCH/out")"
-    "$TOVSIM" cable "$name" plugged 2>/dev/null
+    "$TOVSIM" cable --wait 1 "$name" plugged 2>/dev/null
     check "no unit of that name any more" 2 "$?"
+    "$TOVSIM" cable --wait x "$name" plugged 2>/dev/null
+    check "a wait that is no number refused" 2 "$?"
     "$TOVSIM" cable "$name" loose 2>/dev/null
     check "unknown cable state refused" 2 "$?"
 }

@@ -1,4 +1,4 @@
-// The USB restore page in a simulated unit with a stick (tests/usb/stick) or without one. Every cp
+// The USB restore page in a simulated unit with a stick (sim/stick) or without one. Every cp
 // line the page runs is journaled by a cp wrapper that the cases put first on the PATH.
 #include "usb/copyfilestousb.h"
 
@@ -147,7 +147,7 @@ private slots:
         QCOMPARE(readText(kCpJournal), std::string());
     }
 
-    // The cases below run in a unit with the stick of tests/usb/stick.
+    // The cases below run in a unit with the sample stick of sim/stick.
     void fullBackupRestoresWhatTheCpLinesReach()
     {
         const std::string interfacesBefore = readText("/etc/network/interfaces");
