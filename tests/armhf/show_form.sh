@@ -48,14 +48,9 @@ kill "$pid"
 wait "$pid" 2>/dev/null || true
 echo "armhf tov_test, offscreen: running after 30 s"
 
-n=90
-while [[ -e /tmp/.X$n-lock || -e /tmp/.X11-unix/X$n ]]; do n=$((n + 1)); done
-# -noreset: the accessibility bus address stays on the server between the two programs.
-Xvfb ":$n" -screen 0 640x480x24 -nolisten tcp -noreset >/dev/null 2>&1 &
-xvfb=$!
-trap 'kill $xvfb 2>/dev/null || true' EXIT
-for _ in $(seq 100); do [[ -e /tmp/.X11-unix/X$n ]] && break; sleep 0.05; done
-export DISPLAY=":$n"
+source "$SIM_DIR/xvfb.sh"
+trap xvfb_stop EXIT
+xvfb_start
 
 "$SIM_DIR/desktop" "$0" --shoot armhf-form "$OUT" qemu-arm-static -L "$SYSROOT" "$ARM_TOV"
 "$SIM_DIR/desktop" "$0" --shoot host-form "$OUT" "$HOST_TOV"
