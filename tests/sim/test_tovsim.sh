@@ -30,7 +30,15 @@ host_state() {
     ls -A /run/netns 2>&1
 }
 
-LISTENER=${TOVSIM_BIN_DIR:-$(dirname "$TOVSIM")/../build/host/sim}/tov_tcplisten
+# The unit's helper programs, started through links private to this run: a helper left behind is
+# then found by its path, not confused with those of units that other tests run at the same time.
+BIN=$SCRATCH/bin
+mkdir "$BIN"
+for program in gpiofs tov_tcplisten module_emulator; do
+    ln -s "$(readlink -f "${TOVSIM_BIN_DIR:-$(dirname "$TOVSIM")/../build/host/sim}")/$program" "$BIN/"
+done
+export TOVSIM_BIN_DIR=$BIN
+left_behind() { pgrep -f "^$BIN/$1( |\$)" || true; }
 
 case_leaves_nothing_behind() {
     local before after
@@ -45,14 +53,14 @@ case_leaves_nothing_behind() {
     check "the WATCHTOWER server runs in the unit" 0 "$?"
     check "machine unchanged after a run with a server and a stick" "$before" "$(host_state)"
     check "no server left" "" "$(pgrep -x sshd || true)"
-    check "no GPIO emulator left" "" "$(pgrep -x gpiofs || true)"
+    check "no GPIO emulator left" "" "$(left_behind gpiofs)"
     # A process of the unit still holding a GPIO file open must not keep the emulator up.
     "$TOVSIM" exec -- sh -c 'echo 202 >/sys/class/gpio/export
         '"$NAP"' </sys/class/gpio/gpio202/value & exit 0'
     check "exit status with a GPIO file held open" 0 "$?"
     check "machine unchanged after a held GPIO file" "$before" "$(host_state)"
-    check "no GPIO emulator left after a held file" "" "$(pgrep -x gpiofs || true)"
-    check "no server of the unit left" "" "$(pgrep -f "$LISTENER" || true)"
+    check "no GPIO emulator left after a held file" "" "$(left_behind gpiofs)"
+    check "no server of the unit left" "" "$(left_behind tov_tcplisten)"
     "$TOVSIM" exec -- /no/such/command 2>/dev/null
     check "a command that cannot start" 127 "$?"
     check "machine unchanged after a failed start" "$before" "$(host_state)"
@@ -173,7 +181,7 @@ journal of the unit:
   /sbin/reboot" "$(cat "$out/boots.log")"
     check "/ramdisk is empty at each boot" "" "$(cat "$store/ramdisk-seen")"
     check "the starter is kept switched" "TOV_BIN_NAME=tovQT" "$(grep '^TOV_BIN_NAME=' "$store/TOV/tov_starter")"
-    check "no server of the unit left" "" "$(pgrep -f "$LISTENER" || true)"
+    check "no server of the unit left" "" "$(left_behind tov_tcplisten)"
 }
 
 # Prints what the unit's network looks like from inside: links and their carriers, addresses,
@@ -369,7 +377,7 @@ case_module() {
 ctrl
 module=v2
 emulator" "$out"
-    check "no emulator left" "" "$(pgrep -x module_emulator || true)"
+    check "no emulator left" "" "$(left_behind module_emulator)"
     out=$("$TOVSIM" exec -- sh -c 'grep ^module= /run/tovsim/unit; test -c /dev/ttySAC1 && echo port')
     check "by default the port is there and no module answers" "module=none
 port" "$out"
