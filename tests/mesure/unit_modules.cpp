@@ -136,7 +136,7 @@ TEST(NoModule, NeitherGenerationIsDetected)
     EXPECT_FALSE(v2.CMinit_Comm());
     EXPECT_EQ(v2.isCMconnected(), 0);
     const std::vector<std::string> heard = moduleLog("request");
-    ASSERT_EQ(heard.size(), 6u); // three tries each
+    ASSERT_EQ(heard.size(), 6u) << tovtest::readText("/run/tovsim/module.log"); // three tries each
     EXPECT_EQ(heard[0], "01 02 39 0d 00");
     EXPECT_EQ(heard[3], "01 01 00 0c 8c c1 0c 00");
 }
