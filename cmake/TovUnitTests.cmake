@@ -7,7 +7,7 @@
 # test function names). Several calls on one target, each with its own NAME, give different units
 # to different cases. The cases are listed
 # after each build, so adding a TEST() needs no change here. The units take their helper programs
-# (emulators) from this build's sim/ folder, through TOVSIM_BIN_DIR.
+# (emulators) from this build's sim/ folder, through TOVSIM_BIN_DIR: building TARGET builds them.
 set(TOVSIM "${PROJECT_SOURCE_DIR}/sim/tovsim")
 set(_TOV_LIST_SCRIPT "${CMAKE_CURRENT_LIST_DIR}/TovListUnitTests.cmake")
 
@@ -15,6 +15,7 @@ function(tov_add_unit_tests target)
   if(CMAKE_CROSSCOMPILING)
     return() # the simulated unit runs only on the build machine
   endif()
+  add_dependencies(${target} tovsim_programs)
   cmake_parse_arguments(ARG "QTEST" "NAME;FILTER" "SIM_OPTIONS;ENVIRONMENT" ${ARGN})
   if(NOT ARG_NAME)
     set(ARG_NAME all)
