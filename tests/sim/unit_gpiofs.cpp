@@ -26,10 +26,11 @@ int statErrno(const std::string& path)
 
 } // namespace
 
-// Nothing may be cached: the bench stats gpioN right after writing export.
+// Nothing may be cached: the bench stats gpioN, writes export, then opens gpioN's files at once.
 TEST(GpioSysfs, ExportShowsThePinAtOnceAndUnexportTakesItAway)
 {
     const unsigned long accesses = gpioAccesses();
+    EXPECT_EQ(statErrno(kGpio + "gpio202"), ENOENT);
     ASSERT_EQ(gpioWrite("export", "202"), 0);
     EXPECT_EQ(statErrno(kGpio + "gpio202"), 0);
     EXPECT_EQ(readText(kGpio + "gpio202/direction"), "in\n");
