@@ -53,7 +53,8 @@ TEST(FileOps, SizeAndLineCount)
     EXPECT_EQ(tovFileSize(dir / "missing"), 0.0f);
 
     // One more than the newlines: callers rely on this count.
-    for (const auto& c : std::vector<std::pair<std::string, int>>{{"", 1}, {"one\ntwo", 2}, {"one\ntwo\n", 3}, {"\n\n\n", 4}}) {
+    const std::pair<const char*, int> lineCases[] = {{"", 1}, {"one\ntwo", 2}, {"one\ntwo\n", 3}, {"\n\n\n", 4}};
+    for (const auto& c : lineCases) {
         writeText(f, c.first);
         EXPECT_EQ(tovFileLineNum(f), c.second) << c.first;
     }
