@@ -2,10 +2,12 @@
 
 #include "utils/fileops.h"
 #include "utils/stringops.h"
+#include "tovconfig.h"
 
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <utility>
 
 namespace {
 
@@ -28,7 +30,11 @@ bool keptByPattern(const std::string& name, const std::vector<std::string>& piec
 
 } // namespace
 
-Curl_Wrapper::Curl_Wrapper()
+Curl_Wrapper::Curl_Wrapper() : Curl_Wrapper(TOV_WATCHTOWER_HOST_KEY_SHA256)
+{
+}
+
+Curl_Wrapper::Curl_Wrapper(std::string hostKeySha256) : m_hostKeySha256(std::move(hostKeySha256))
 {
     initCurl_Wrapper();
 }
@@ -62,7 +68,10 @@ Curl_Wrapper::Handle Curl_Wrapper::open(std::initializer_list<const std::string*
     if (!m_lib.loaded())
         return none;
     m_lib.global_init(CURL_GLOBAL_ALL);
-    return Handle(m_lib.easy_init(), m_lib.easy_cleanup);
+    Handle handle(m_lib.easy_init(), m_lib.easy_cleanup);
+    if (handle && !m_hostKeySha256.empty())
+        m_lib.easy_setopt(handle.get(), CURLOPT_SSH_HOST_PUBLIC_KEY_SHA256, m_hostKeySha256.c_str());
+    return handle;
 }
 
 Curl_Wrapper::CommandList Curl_Wrapper::commandList(const std::vector<std::string>& commands)

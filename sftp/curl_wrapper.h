@@ -27,7 +27,12 @@ public:
     // status); entries that fail are removed from the map
     using DownloadMap = std::map<std::pair<std::string, std::string>, std::pair<bool, int>>;
 
+    // The WATCHTOWER host key the factory pinned at build time (TOV_WATCHTOWER_HOST_KEY_SHA256).
     Curl_Wrapper();
+    // hostKeySha256: the SHA-256 of the server's host key, in base64 as "ssh-keygen -l" prints it
+    // after "SHA256:"; a server showing another key fails every operation before the password is
+    // sent. Empty: any host key is taken.
+    explicit Curl_Wrapper(std::string hostKeySha256);
     virtual ~Curl_Wrapper();
 
     bool initCurl_Wrapper();
@@ -78,6 +83,7 @@ private:
 
     CurlLibrary m_lib;
     std::mutex m_mutex;
+    const std::string m_hostKeySha256;
 };
 
 #endif

@@ -156,3 +156,36 @@ TEST(WatchtowerBadPassword, EveryOperationFailsWithLoginDenied)
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "curl: error: Login denied\ncurl: error: Login denied\n");
     EXPECT_TRUE(tovFileExist("/home/tov_test.msr"));
 }
+
+// The factory's pin of the server's host key: the server's own key lets the upload through; any
+// other fails it before the password is tried (a wrong password then changes nothing).
+TEST(Watchtower, PinnedHostKey)
+{
+    FILE* keygen = popen("ssh-keygen -E sha256 -lf /run/tovsim/watchtower_host_key.pub", "r");
+    ASSERT_NE(keygen, nullptr);
+    char line[256] = {};
+    ASSERT_NE(fgets(line, sizeof line, keygen), nullptr);
+    pclose(keygen);
+    const std::string listing(line), prefix = "SHA256:";
+    const std::string::size_type at = listing.find(prefix);
+    ASSERT_NE(at, std::string::npos) << listing;
+    const std::string serverKey = listing.substr(at + prefix.size(), listing.find(' ', at) - at - prefix.size());
+    const std::string otherKey(serverKey.size(), 'A');
+    const std::string refused = "curl: error: SSL peer certificate or SSH remote key was not OK\n";
+    struct Case {
+        std::string key, password, output;
+        bool sent;
+    };
+    for (const Case& c : {Case{serverKey, kPassword, "", true}, Case{otherKey, kPassword, refused, false},
+                          Case{otherKey, "wrong", refused, false}}) {
+        SCOPED_TRACE(c.key + " " + c.password);
+        unlink((kServerDir + "tov_test.msr").c_str());
+        writeText("/home/tov_test.msr", "pinned\n");
+        Curl_Wrapper curl(c.key);
+        Curl_Wrapper::UploadMap files{{{"/home/tov_test.msr", "~/TOV/tests_tov"}, false}};
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(curl.Upload(kUrl, kUser, c.password, files), c.sent);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.output);
+        EXPECT_EQ(tovFileExist(kServerDir + "tov_test.msr"), c.sent);
+    }
+}
