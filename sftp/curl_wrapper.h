@@ -10,7 +10,10 @@
 #include <curl/curl.h>
 
 #include <cstddef>
+#include <cstdio>
+#include <initializer_list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -57,9 +60,18 @@ public:
     void CurlProgressCallback(double total, double now);
 
 private:
-    // A new easy handle, the library's global state set up first as every operation has always
-    // done; null when libcurl is missing.
-    CURL* newHandle();
+    // Owning guards: whatever branch an operation leaves by, its handle, command lists and files
+    // are released (files first, then lists, then the handle, as they are declared in reverse).
+    using Handle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
+    using CommandList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
+    using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+    // The start every operation shares: null when one of the mandatory arguments is empty (libcurl
+    // is then left alone) or when no handle could be made; otherwise a new easy handle, the
+    // library's global state set up first as every operation has always done.
+    Handle open(std::initializer_list<const std::string*> mandatory);
+    // One list entry per command; null when there is no command or the list could not be made.
+    CommandList commandList(const std::vector<std::string>& commands);
     void setProgress(CURL* curl, long noProgress);
     void setCredentials(CURL* curl, const std::string& user, const std::string& password);
     bool perform(CURL* curl);
