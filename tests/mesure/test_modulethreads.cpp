@@ -42,7 +42,7 @@ void lockedOut(const Access& a)
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(a.read(), 0.0f) << a.name;
     EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(1900)) << a.name;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(3500)) << a.name;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(10000)) << a.name; // not for ever
     a.write(7.0f);
     release = true;
     holder.join();
