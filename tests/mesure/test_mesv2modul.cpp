@@ -51,7 +51,7 @@ TEST(MesV2Modul, StartAndCloseLines)
     EXPECT_EQ(modul.lastCommandSent(), 10);
 }
 
-// Frames 12, 13, 14, 15, 18, 22, 25 and 27 are also checked as the module emulator hears them.
+// The module emulator, which takes only frames whose CRC is right, hears 12 to 16, 18, 22, 25 and 27 too.
 TEST(MesV2Frames, RequestsCarryTheirPayloadItsCrcAndOneZeroMore)
 {
     MesV2Modul modul(nullptr);

@@ -112,8 +112,8 @@ TEST(SerialPort, OpensThePtyInEachModeRestoresItAtCloseAndSendsWithADrain)
     EXPECT_EQ(RS232_SendBuf(1, frame, 1), 1);
     EXPECT_EQ(RS232_SendByte(1, '!'), 0);
     RS232_cputs(1, "ab");
-    EXPECT_EQ(tovtest::readText(kJournal), "write 68 65 6c 6c 6f\ndrain\nwrite 68\ndrain\nwrite 21\ndrain\n"
-                         "write 61\ndrain\nwrite 62\ndrain\n");
+    EXPECT_EQ(tovtest::readText(kJournal),
+              "write 68 65 6c 6c 6f\ndrain\nwrite 68\ndrain\nwrite 21\ndrain\nwrite 61\ndrain\nwrite 62\ndrain\n");
     RS232_CloseComport(1);
     EXPECT_EQ(moduleLog("request"), Lines{"68 65 6c 6c 6f 68 21 61 62"});
 }
