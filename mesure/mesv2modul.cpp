@@ -12,7 +12,7 @@
 namespace {
 
 const unsigned short kTries = 3;
-const int kNoAnswer = -1; // answer length of the commands that get none
+const int kRefused = -1; // not a command of the protocol: nothing is sent
 
 bool lockWithin2s(std::timed_mutex& mutex)
 {
@@ -28,7 +28,7 @@ int answerLength(unsigned char cmd)
     case 15: case 16: case 17: case 18: case 19: case 20: case 21: case 22: return 7;
     case 25: case 26: case 28: return 0;
     case 27: return 12;
-    default: return kNoAnswer;
+    default: return kRefused;
     }
 }
 
@@ -129,7 +129,7 @@ bool MesV2Modul::CMinit_Comm()
 {
     if (m_proc.state == 1)
         return false;
-    return CM_sendTo(CMD_CONNECT) == 0;
+    return CM_sendTo(CMD_CONNECT) == RES_OK;
 }
 
 uint8_t MesV2Modul::isCMconfigured()
@@ -147,11 +147,11 @@ bool MesV2Modul::CMcheckIfConfiged()
     const uint8_t unitConfigured = isCMconfigured();
     const uint8_t moduleConfigured = m_proc.module.configured;
     if (unitConfigured == 1 && moduleConfigured == 0) {
-        if (CM_sendTo(CMD_WRITE_CONFIG) != 0)
+        if (CM_sendTo(CMD_WRITE_CONFIG) != RES_OK)
             return false;
         puts(" +++ CMv2_Send Config from TOV to new Modul OK");
     } else if (unitConfigured == 0 && moduleConfigured == 1) {
-        if (CM_sendTo(CMD_READ_CONFIG) != 0)
+        if (CM_sendTo(CMD_READ_CONFIG) != RES_OK)
             return false;
         puts(" +++ CMv2_Receive Config from Modul for new TOV OK");
     }
@@ -161,7 +161,7 @@ bool MesV2Modul::CMcheckIfConfiged()
 int MesV2Modul::buildRequest(unsigned char cmd, unsigned char* frame, int* expected)
 {
     const int answer = answerLength(cmd);
-    if (answer == kNoAnswer || frame == nullptr)
+    if (answer == kRefused || frame == nullptr)
         return 0;
     unsigned char* payload = frame + HEADER_LENGTH;
     unsigned n = 1;
@@ -201,7 +201,7 @@ int MesV2Modul::CM_sendTo(unsigned char cmd)
     int expected = 0;
     const int length = buildRequest(cmd, request, &expected);
     if (length == 0)
-        return 0;
+        return RES_OK;
     int baud = 9600;
     if (lock_CMconfig()) {
         baud = m_config.busBaudrate;
@@ -215,36 +215,36 @@ int MesV2Modul::CM_sendTo(unsigned char cmd)
                                       reinterpret_cast<char*>(answer),
                                       static_cast<unsigned>(expected + 1), kTries);
     if (count != expected)
-        return -4;
-    if (CM_parseRX_Datas(answer, count) != 0)
-        return -2;
-    return 0;
+        return RES_BAD_LENGTH;
+    if (CM_parseRX_Datas(answer, count) != RES_OK)
+        return RES_BAD_ANSWER;
+    return RES_OK;
 }
 
 int MesV2Modul::CM_parseRX_Datas(const unsigned char* frame, int len)
 {
     if (frame == nullptr || len < HEADER_LENGTH)
-        return -1;
+        return RES_REJECTED;
     if (frame[0] != static_cast<unsigned char>(m_proc.moduleAddress))
-        return -1;
+        return RES_REJECTED;
     const unsigned n = le16(frame + 1);
     if (static_cast<long>(n) + HEADER_LENGTH != len)
-        return -1;
+        return RES_REJECTED;
     const unsigned char* payload = frame + HEADER_LENGTH;
     if (le16(frame + 4) != CComRS485::calculateCRC(payload, n))
-        return -1;
+        return RES_REJECTED;
 
     switch (frame[3]) {
     case ANSWER_INFO:
         if (n != sizeof(cm_module_info_t))
-            return -1;
+            return RES_REJECTED;
         memcpy(&m_proc.module, payload, sizeof(cm_module_info_t));
         m_proc.state = 1;
         m_proc.nextCommand = CMD_DATA;
         break;
     case CMD_DATA:
         if (n != sizeof(cm_datas_t))
-            return -1;
+            return RES_REJECTED;
         if (lock_CMdatas()) {
             memcpy(&m_datas, payload, sizeof(cm_datas_t));
             unlock_CMdatas();
@@ -252,7 +252,7 @@ int MesV2Modul::CM_parseRX_Datas(const unsigned char* frame, int len)
         break;
     case CMD_READ_CONFIG:
         if (n != sizeof(cm_config_t))
-            return -1;
+            return RES_REJECTED;
         cfg_setCM_Config(true, reinterpret_cast<const cm_config_t*>(payload));
         m_proc.nextCommand = CMD_DATA;
         break;
@@ -271,7 +271,7 @@ int MesV2Modul::CM_parseRX_Datas(const unsigned char* frame, int len)
     }
     case CMD_CALIB_STATE:
         if (n != sizeof(cm_calib_state_t))
-            return -1;
+            return RES_REJECTED;
         memcpy(&m_proc.calib, payload, sizeof(cm_calib_state_t));
         if (m_proc.calib.gaugeChannel == -1 && m_proc.calib.state1 == 0
             && m_proc.calib.pt100[0] + m_proc.calib.pt100[1] + m_proc.calib.pt100[2] == 0)
@@ -281,7 +281,7 @@ int MesV2Modul::CM_parseRX_Datas(const unsigned char* frame, int len)
         break;
     }
     m_proc.lastAnswerTime = _getTimeStampInSecs();
-    return 0;
+    return RES_OK;
 }
 
 void MesV2Modul::checkMarkers()
@@ -314,12 +314,12 @@ void MesV2Modul::checkMarkers()
 int MesV2Modul::CM_sendToTOV()
 {
     const uint8_t stateAtEntry = m_proc.state;
-    int result = -4;
+    int result = RES_NOT_CONNECTED;
     if (stateAtEntry == 1) {
         const unsigned char cmd = m_proc.nextCommand;
         result = CM_sendTo(cmd);
         m_lastCommand = cmd;
-        if (result == 0) {
+        if (result == RES_OK) {
             if (cmd == CMD_DATA) {
                 checkMarkers();
             } else if (cmd == 16 || cmd == 17 || cmd == 28) {
@@ -340,7 +340,7 @@ int MesV2Modul::CM_sendToTOV()
         m_proc.lastAnswerTime = 0;
         puts("MESUREv2 Reconnecte via WATCHDOG, OK");
     }
-    return stateAtEntry == 1 ? result : -4;
+    return stateAtEntry == 1 ? result : RES_NOT_CONNECTED;
 }
 
 int MesV2Modul::CMstart_FirmUpdate()
@@ -348,7 +348,7 @@ int MesV2Modul::CMstart_FirmUpdate()
     if (m_proc.state == 0)
         return 0;
     for (int attempt = 0; attempt < 3; ++attempt) {
-        if (CM_sendTo(CMD_FIRMWARE) == 0) {
+        if (CM_sendTo(CMD_FIRMWARE) == RES_OK) {
             markDisconnected(0);
             return 1;
         }

@@ -94,6 +94,14 @@ public:
         CMD_ACK = 25, CMD_CALIB_STATE = 27,
         ANSWER_INFO = 11,
     };
+    // Results of CM_sendTo, CM_parseRX_Datas and CM_sendToTOV. Unlike V1's, success is 0.
+    enum {
+        RES_OK = 0,
+        RES_REJECTED = -1,      // CM_parseRX_Datas: the frame was not taken, records unchanged
+        RES_BAD_ANSWER = -2,    // CM_sendTo: an answer of the expected length that was rejected
+        RES_BAD_LENGTH = -4,    // CM_sendTo: no answer, or not of the expected length
+        RES_NOT_CONNECTED = -4, // CM_sendToTOV: the module was not connected at the start
+    };
     enum { HEADER_LENGTH = 6, MAX_FRAME = 64 };
     static const int FLAG_AFTER = 64;
     static const int WATCHDOG_SECONDS = 180;
@@ -111,10 +119,10 @@ public:
     bool CMinit_Comm();
     // True when unit and module agree afterwards (nothing to exchange, or the exchange succeeded).
     bool CMcheckIfConfiged();
-    // 0 good (or a command refused without sending), -4 wrong answer length, -2 bad answer.
+    // RES_OK (also for a command refused without sending), RES_BAD_LENGTH or RES_BAD_ANSWER.
     int CM_sendTo(unsigned char cmd);
     int CM_sendToTOV();
-    // 0 when the answer frame is accepted and applied, -1 when rejected (records unchanged).
+    // RES_OK when the answer frame is accepted and applied, else RES_REJECTED.
     int CM_parseRX_Datas(const unsigned char* frame, int len);
     int CMstart_FirmUpdate();
     void rebootMODULE();

@@ -75,9 +75,11 @@ bool modeFlags(const char* mode, tcflag_t* cflags, tcflag_t* iflags)
     return true;
 }
 
+// When the lines cannot be read, only the one asked for is written: never what happened to be on
+// the stack.
 void changeModemLine(int port, int line, bool set)
 {
-    int status;
+    int status = 0;
     if (ioctl(Cport[port], TIOCMGET, &status) == -1)
         perror("unable to get portstatus");
     if (set)

@@ -1,15 +1,17 @@
 # Measurement module on the unit's RS-485 bus (sourced by tovsim).
 #
 # The unit's "/dev/ttySAC1" is the slave of a pty whose master module_emulator holds; it answers
-# as the scenario says, paced at the line's baud rate. "/dev/rs485_Ctrl" is /dev/null: the
-# direction ioctls fail there (ENOTTY) and the drivers say so at every request, as on a board
-# whose control device is missing. The emulator logs what it hears and says to
-# /run/tovsim/module.log.
+# as the scenario says, paced at the line's baud rate. "/dev/rs485_Ctrl" is a bind of /dev/null
+# whose direction requests the rs485ctl library (sim/rs485ctl.c), preloaded into COMMAND, takes
+# and records in /run/tovsim/rs485.journal with the bytes written on the port. The emulator logs
+# what it hears and says to /run/tovsim/module.log.
 
 MODULE_SCENARIOS="none v1 v1-echo v1-bad-header v1-init-only v1-cut v2 v2-faulty v2-unconfigured v2-cut noise"
+MODULE_SENSORS="weight pressure inlet outlet outside"
 
 module_defaults() {
     TOVSIM_MODULE=none TOVSIM_MODULE_SET=0 TOVSIM_MODULE_VALUES="" TOVSIM_MODULE_VERSION=2.5
+    TOVSIM_MODULE_FAULT=""
 }
 
 # module_option OPTION VALUE: one of the --module* options of tovsim exec.
@@ -24,14 +26,26 @@ module_option() {
         --module-version)
             [[ $2 =~ ^-?[0-9]+(\.[0-9]+)?$ ]] || die "--module-version takes a number"
             TOVSIM_MODULE_VERSION=$2 ;;
+        --module-fault)
+            [[ " $MODULE_SENSORS " == *" $2 "* ]] || die "unknown sensor '$2' (one of: $MODULE_SENSORS)"
+            TOVSIM_MODULE_FAULT=$2 ;;
     esac
 }
 
-# Inside the unit, after pivot_root: the control node, then the emulator and the serial port.
+# After all options: a faulty sensor belongs to a second-generation module.
+module_check_options() {
+    [[ -z $TOVSIM_MODULE_FAULT || $TOVSIM_MODULE == v2* ]] ||
+        die "--module-fault needs a V2 module scenario, not '$TOVSIM_MODULE'"
+}
+
+# Inside the unit, after pivot_root: the control node and its library, then the emulator and the
+# serial port. Sets MODULE_PRELOAD, the library for COMMAND (empty when it was not built).
 setup_module() {
     local emulator=$TOVSIM_BIN_DIR/module_emulator ready=/run/tovsim/module.pty pid
-    touch /dev/rs485_Ctrl
+    touch /dev/rs485_Ctrl /run/tovsim/rs485.journal
     mount --bind /dev/null /dev/rs485_Ctrl
+    MODULE_PRELOAD=$TOVSIM_BIN_DIR/librs485ctl.so
+    [[ -e $MODULE_PRELOAD ]] || MODULE_PRELOAD=""
     if [[ ! -x $emulator ]]; then
         # Without the emulator a unit still starts, with no serial port, unless a module was asked for.
         [[ $TOVSIM_MODULE_SET == 0 ]] || die "no module emulator in '$TOVSIM_BIN_DIR' (build sim/)"
@@ -40,6 +54,7 @@ setup_module() {
     local args=(--scenario "$TOVSIM_MODULE" --version "$TOVSIM_MODULE_VERSION"
                 --ready "$ready" --log /run/tovsim/module.log)
     [[ -z $TOVSIM_MODULE_VALUES ]] || args+=(--values "$TOVSIM_MODULE_VALUES")
+    [[ -z $TOVSIM_MODULE_FAULT ]] || args+=(--fault "$TOVSIM_MODULE_FAULT")
     local run=()
     # The module lives on the unit's clock: with the clock sped up, its answers take their wire
     # time on that clock too, as the bench's read deadlines do.
@@ -55,4 +70,5 @@ setup_module() {
     touch /dev/ttySAC1
     mount --bind "$(cat "$ready")" /dev/ttySAC1
     printf 'module=%s\n' "$TOVSIM_MODULE" >>/run/tovsim/unit
+    [[ -z $TOVSIM_MODULE_FAULT ]] || printf 'module-fault=%s\n' "$TOVSIM_MODULE_FAULT" >>/run/tovsim/unit
 }

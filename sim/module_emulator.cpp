@@ -3,12 +3,13 @@
 // byte by byte at the line's baud rate like the real wire. Frames and checksums are written here
 // from the module's side, independently of the unit's drivers.
 //
-//   module_emulator --scenario NAME [--values LIST] [--version V] [--baud B] [--seed N]
-//                   [--ready FILE] [--log FILE]
+//   module_emulator --scenario NAME [--values LIST] [--fault SENSOR] [--version V] [--baud B]
+//                   [--seed N] [--ready FILE] [--log FILE]
 //
 // Scenarios: none (silent), v1, v1-echo, v1-bad-header, v1-init-only, v1-cut, v2, v2-faulty,
 // v2-unconfigured, v2-cut, noise. --values: for V1 the five 5-digit fields, for V2 up to seven
-// floats, comma-separated. --ready receives the pty slave's path once the port is ready; --log
+// floats, comma-separated. --fault (V2): the one sensor that reports its fault marker: weight,
+// pressure, inlet, outlet or outside, the module's values 0 to 4. --ready receives the pty slave's path once the port is ready; --log
 // gets one line per request heard ("request HEX", "garbled HEX" when the line speed is not the
 // module's, "unknown HEX" for bytes that make no request) and per answer ("answer HEX").
 #include <fcntl.h>
@@ -31,9 +32,52 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
+// What sets each scenario apart from a plain module of its generation.
+enum Quirk : unsigned {
+    kCut = 1,           // every answer stops halfway
+    kEcho = 2,          // V1: the poll comes back in front of the answer
+    kBadHeader = 4,     // V1: wrong first byte
+    kInitOnly = 8,      // V1: answers the first poll only
+    kAllFaulty = 16,    // V2: every sensor reports its fault marker
+    kUnconfigured = 32, // V2: holds no configuration
+    kNoise = 64,        // random bytes after each request, whatever it was
+};
+
+struct Scenario {
+    const char* name;
+    int generation; // 0: no module
+    unsigned quirks;
+};
+
+const Scenario kScenarios[] = {
+    {"none", 0, 0},
+    {"v1", 1, 0},
+    {"v1-echo", 1, kEcho},
+    {"v1-bad-header", 1, kBadHeader},
+    {"v1-init-only", 1, kInitOnly},
+    {"v1-cut", 1, kCut},
+    {"v2", 2, 0},
+    {"v2-faulty", 2, kAllFaulty},
+    {"v2-unconfigured", 2, kUnconfigured},
+    {"v2-cut", 2, kCut},
+    {"noise", 0, kNoise},
+};
+
+// The sensors of a V2 data record, in its order, and what each reports when it is faulty.
+struct Sensor {
+    const char* name;
+    float marker;
+};
+const Sensor kSensors[] = {
+    {"weight", -999.0f}, {"pressure", 999.0f}, {"inlet", 999.0f}, {"outlet", 999.0f},
+    {"outside", 999.0f},
+};
+const int kSensorCount = static_cast<int>(sizeof kSensors / sizeof kSensors[0]);
+
 struct Options {
     std::string scenario = "none";
     std::string values;
+    std::string fault;
     float version = 2.5f;
     int baud = 0; // 0: 2400 for V1, 9600 for V2
     unsigned seed = 1;
@@ -43,6 +87,7 @@ struct Options {
 
 struct Module {
     Options opt;
+    const Scenario* sc = nullptr;
     bool v1 = false;
     bool v2 = false;
     int polls = 0;
@@ -238,12 +283,16 @@ int moduleBaud(const Module& m)
     return m.opt.baud ? m.opt.baud : (m.v1 ? 2400 : 9600);
 }
 
+bool has(const Module& m, Quirk quirk)
+{
+    return (m.sc->quirks & quirk) != 0;
+}
+
 void answer(Module& m, Bytes reply)
 {
-    const std::string& s = m.opt.scenario;
     if (reply.empty())
         return;
-    if (s == "v1-cut" || s == "v2-cut")
+    if (has(m, kCut))
         reply.resize(reply.size() / 2);
     transmit(m, reply);
 }
@@ -251,16 +300,15 @@ void answer(Module& m, Bytes reply)
 void onV1Poll(Module& m, const Bytes& request)
 {
     logLine(m, "request", request);
-    const std::string& s = m.opt.scenario;
     ++m.polls;
-    if (s == "v1-init-only" && m.polls > 1)
+    if (has(m, kInitOnly) && m.polls > 1)
         return;
     Bytes reply = v1Answer(m);
-    if (s == "v1-echo") {
+    if (has(m, kEcho)) {
         Bytes echo = {0x01, 0x02, 0x39, 0x0D, 0x00};
         echo.insert(echo.end(), reply.begin(), reply.begin() + 28);
         reply = echo;
-    } else if (s == "v1-bad-header") {
+    } else if (has(m, kBadHeader)) {
         reply[0] = 0x03;
     }
     answer(m, reply);
@@ -361,36 +409,48 @@ bool parseValues(Module& m)
     return true;
 }
 
+// Index of the sensor named name in kSensors, or -1.
+int sensorIndex(const std::string& name)
+{
+    for (int i = 0; i < kSensorCount; ++i)
+        if (name == kSensors[i].name)
+            return i;
+    return -1;
+}
+
 bool setup(Module& m)
 {
-    const std::string& s = m.opt.scenario;
-    static const char* const known[] = {"none", "v1", "v1-echo", "v1-bad-header", "v1-init-only",
-                                        "v1-cut", "v2", "v2-faulty", "v2-unconfigured", "v2-cut",
-                                        "noise"};
-    bool found = false;
-    for (const char* name : known)
-        found = found || s == name;
-    if (!found) {
-        fprintf(stderr, "module_emulator: unknown scenario '%s'\n", s.c_str());
+    for (const Scenario& scenario : kScenarios)
+        if (m.opt.scenario == scenario.name)
+            m.sc = &scenario;
+    if (m.sc == nullptr) {
+        fprintf(stderr, "module_emulator: unknown scenario '%s'\n", m.opt.scenario.c_str());
         return false;
     }
-    m.v1 = s.compare(0, 2, "v1") == 0;
-    m.v2 = s.compare(0, 2, "v2") == 0;
+    m.v1 = m.sc->generation == 1;
+    m.v2 = m.sc->generation == 2;
     m.random.seed(m.opt.seed);
     m.config = moduleConfig();
     const float healthy[7] = {125.5f, 12.25f, 21.5f, 35.75f, 8.5f, 0.0f, 0.0f};
     memcpy(m.datas, healthy, sizeof healthy);
-    if (s == "v2-faulty") {
-        const float faulty[7] = {-999.0f, 999.0f, 999.0f, 999.0f, 999.0f, 0.0f, 0.0f};
-        memcpy(m.datas, faulty, sizeof faulty);
-    }
-    if (s == "v2-unconfigured") {
+    for (int i = 0; has(m, kAllFaulty) && i < kSensorCount; ++i)
+        m.datas[i] = kSensors[i].marker;
+    if (has(m, kUnconfigured)) {
         m.configured = 0;
         m.config[1] = 0;
     }
     if (!parseValues(m)) {
         fprintf(stderr, "module_emulator: bad --values '%s'\n", m.opt.values.c_str());
         return false;
+    }
+    if (!m.opt.fault.empty()) {
+        const int sensor = sensorIndex(m.opt.fault);
+        if (sensor < 0 || !m.v2) {
+            fprintf(stderr, "module_emulator: --fault takes a sensor of a V2 module, not '%s'\n",
+                    m.opt.fault.c_str());
+            return false;
+        }
+        m.datas[sensor] = kSensors[sensor].marker;
     }
 
     m.master = posix_openpt(O_RDWR | O_NOCTTY);
@@ -471,9 +531,9 @@ void run(Module& m)
         m.unknown.clear();
         if (buf.empty())
             continue;
-        if (m.opt.scenario == "noise")
+        if (has(m, kNoise))
             noiseBurst(m, buf);
-        else if (m.opt.scenario == "none")
+        else if (m.sc->generation == 0)
             logLine(m, "request", buf);
         buf.clear();
     }
@@ -493,6 +553,7 @@ int main(int argc, char** argv)
         }
         if (arg == "--scenario") m.opt.scenario = value;
         else if (arg == "--values") m.opt.values = value;
+        else if (arg == "--fault") m.opt.fault = value;
         else if (arg == "--version") m.opt.version = strtof(value, nullptr);
         else if (arg == "--baud") m.opt.baud = atoi(value);
         else if (arg == "--seed") m.opt.seed = static_cast<unsigned>(strtoul(value, nullptr, 10));
