@@ -1,14 +1,144 @@
 #include "utils/fileops.h"
 
+#include <fcntl.h>
 #include <glob.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+
+namespace {
+
+std::string folderOf(const std::string& path)
+{
+    const std::string::size_type slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Asks the file system to put the folder's entries (creations, renames, deletions) on storage.
+// Some file systems refuse fsync on a folder; the entries then reach storage at their own pace.
+void syncFolder(const std::string& folder)
+{
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    fsync(fd);
+    close(fd);
+}
+
+// The file a chain of symbolic links ends at, so that a link is written through as the truncating
+// open always did, instead of being replaced by a regular file. A loop is returned as it stands:
+// opening it then fails, as it did before.
+std::string linkTarget(const std::string& path)
+{
+    std::string current = path;
+    for (int hops = 0; hops < 40; ++hops) {
+        struct stat st;
+        if (lstat(current.c_str(), &st) != 0 || !S_ISLNK(st.st_mode))
+            return current;
+        char buffer[PATH_MAX];
+        const ssize_t n = readlink(current.c_str(), buffer, sizeof buffer);
+        if (n <= 0 || static_cast<size_t>(n) >= sizeof buffer)
+            return current;
+        const std::string target(buffer, static_cast<size_t>(n));
+        current = target[0] == '/' ? target : folderOf(current) + "/" + target;
+    }
+    return current;
+}
+
+bool writeAll(int fd, const std::string& text)
+{
+    const char* data = text.data();
+    size_t left = text.size();
+    while (left > 0) {
+        const ssize_t n = write(fd, data, left);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data += n;
+        left -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool writeInPlace(const std::string& path, const std::string& text, bool append, bool makeExecutable)
+{
+    std::ofstream out(path, append ? (std::ios::out | std::ios::app) : (std::ios::out | std::ios::trunc));
+    if (!out.is_open())
+        return false;
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+    out.close();
+    // A full disk shows up here, not at open: report it so that nothing is taken as stored.
+    if (out.fail())
+        return false;
+    if (!append && makeExecutable)
+        chmod(path.c_str(), 0774);
+    return true;
+}
+
+// A new file beside the old one, created empty with the mode a new file gets (0666 less the umask).
+int createTemporary(const std::string& target, std::string& temp)
+{
+    static std::atomic<unsigned> counter{0};
+    const std::string stem = folderOf(target) + "/." + target.substr(target.rfind('/') + 1) + ".new-" +
+                             std::to_string(getpid()) + "-";
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        temp = stem + std::to_string(counter++);
+        const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        if (fd >= 0 || errno != EEXIST)
+            return fd;
+    }
+    return -1;
+}
+
+// Replaces the file so that a power cut at any instant leaves either the old content or the new,
+// whole: the text goes to a temporary file beside it, which is given the old file's owner and
+// mode, flushed, and renamed over it; then the folder is flushed, so that the rename is stored
+// before the caller's next step (the phase file's deletion after the starter switch must not
+// reach storage before it).
+bool replaceFile(const std::string& path, const std::string& text, bool makeExecutable)
+{
+    const std::string target = linkTarget(path);
+    struct stat old;
+    const bool exists = stat(target.c_str(), &old) == 0;
+    // A device or a pipe is written, not replaced; a folder fails as it always did.
+    if (exists && !S_ISREG(old.st_mode))
+        return writeInPlace(path, text, false, makeExecutable);
+    std::string temp;
+    const int fd = createTemporary(target, temp);
+    if (fd < 0)
+        return writeInPlace(path, text, false, makeExecutable);
+    if (exists && fchown(fd, old.st_uid, old.st_gid) != 0) {
+        // Not root: the file may be writable here while a new one could not get its owner.
+        close(fd);
+        unlink(temp.c_str());
+        return writeInPlace(path, text, false, makeExecutable);
+    }
+    bool stored = true;
+    if (makeExecutable)
+        stored = fchmod(fd, 0774) == 0;
+    else if (exists)
+        stored = fchmod(fd, old.st_mode & 07777) == 0;
+    stored = stored && writeAll(fd, text) && fsync(fd) == 0;
+    stored = close(fd) == 0 && stored;
+    if (!stored || rename(temp.c_str(), target.c_str()) != 0) {
+        unlink(temp.c_str());
+        return false;
+    }
+    syncFolder(folderOf(target));
+    return true;
+}
+
+} // namespace
 
 bool tovFileExist(const std::string& path)
 {
@@ -36,7 +166,10 @@ bool tovFileDelete(const std::string& path)
 {
     if (!tovFileExist(path))
         return false;
-    remove(path.c_str());
+    // Stored before the caller goes on: the phase file deleted at the hand-over must not come back
+    // after a cut beside the factory interfaces file written next, nor after a reset.
+    if (remove(path.c_str()) == 0)
+        syncFolder(folderOf(path));
     return !tovFileExist(path);
 }
 
@@ -103,17 +236,10 @@ bool writeToFile(const std::string& path, const std::string& text, bool append, 
 {
     if (path.empty())
         return false;
-    std::ofstream out(path, append ? (std::ios::out | std::ios::app) : (std::ios::out | std::ios::trunc));
-    if (!out.is_open())
-        return false;
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    out.close();
-    // A full disk shows up here, not at open: report it so that nothing is taken as stored.
-    if (out.fail())
-        return false;
-    if (!append && makeExecutable)
-        chmod(path.c_str(), 0774);
-    return true;
+    // Appending (the measurement file) stays a plain append: a cut loses at most its last lines.
+    if (append)
+        return writeInPlace(path, text, true, false);
+    return replaceFile(path, text, makeExecutable);
 }
 
 bool readFile_All(const std::string& path, std::vector<std::string>& lines)

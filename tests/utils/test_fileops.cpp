@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -107,6 +108,37 @@ TEST(FileOps, WriteTruncatesOrAppendsAndMakesExecutableOnlyWhenTruncating)
         EXPECT_FALSE(writeToFile(path, "text", false, false)) << path;
     // Opens fine but every write fails, as on a full disk: nothing may pass for stored.
     EXPECT_FALSE(writeToFile("/dev/full", "text", true, false));
+}
+
+// Replacing a file keeps what it was: mode, owner, and a link stays a link whose file gets the text;
+// the temporary file beside it does not stay.
+TEST(FileOps, WriteReplacesKeepingModeOwnerAndLinks)
+{
+    TempDir dir;
+    const std::string starter = dir / "starter", link = dir / "link";
+    writeText(starter, "TOV_BIN_NAME=tov_test\n");
+    ASSERT_EQ(chmod(starter.c_str(), 0750), 0);
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(chown(starter.c_str(), 1234, 5678), 0);
+    }
+    writeText(dir / "target", "old");
+    ASSERT_EQ(symlink("target", link.c_str()), 0);
+
+    EXPECT_TRUE(writeToFile(starter, "TOV_BIN_NAME=tovQT\n", false, false));
+    EXPECT_TRUE(writeToFile(link, "through", false, false));
+
+    EXPECT_EQ(readText(starter), "TOV_BIN_NAME=tovQT\n");
+    struct stat st {};
+    ASSERT_EQ(stat(starter.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
+    if (root) {
+        EXPECT_EQ(std::to_string(st.st_uid) + ":" + std::to_string(st.st_gid), "1234:5678");
+    }
+    ASSERT_EQ(lstat(link.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ(readText(dir / "target"), "through");
+    EXPECT_EQ(getDirFilesList(dir / ".[!.]*"), Lines{});
 }
 
 TEST(FileOps, ReadAppendsLinesAsTheyStand)
