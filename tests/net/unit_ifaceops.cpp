@@ -136,6 +136,8 @@ const Probe PROBES[] = {
     {"Toip", "", [] { return seq({toip("localhost"), toip(SERVER)}); }, "127.0.0.1 192.0.2.10", "", 0},
 };
 
+void PrintTo(const Probe& probe, std::ostream* out) { *out << probe.name; }
+
 class NetProbe : public testing::TestWithParam<Probe> {};
 
 } // namespace
