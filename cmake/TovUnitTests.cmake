@@ -5,9 +5,10 @@
 # sim/tovsim in a fresh simulated unit with the given tovsim options. TARGET is a GoogleTest binary
 # (FILTER is a gtest filter), or with QTEST a Qt Test binary (FILTER is a regular expression on the
 # test function names). Several calls on one target, each with its own NAME, give different units
-# to different cases. The cases are listed
-# after each build, so adding a TEST() needs no change here. The units take their helper programs
-# (emulators) from this build's sim/ folder, through TOVSIM_BIN_DIR: building TARGET builds them.
+# to different cases. The cases are listed after each build, so adding a TEST() needs no change
+# here, as long as one of the target's filters selects it: the test TARGET.every_case_claimed fails
+# naming the cases that none selects. The units take their helper programs (emulators) from this
+# build's sim/ folder, through TOVSIM_BIN_DIR: building TARGET builds them.
 set(TOVSIM "${PROJECT_SOURCE_DIR}/sim/tovsim")
 set(_TOV_LIST_SCRIPT "${CMAKE_CURRENT_LIST_DIR}/TovListUnitTests.cmake")
 
@@ -57,6 +58,21 @@ function(tov_add_unit_tests target)
     "  add_test(${target}_${ARG_NAME}_NOT_BUILT ${target}_NOT_BUILT)\n"
     "endif()\n")
   set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${include_file}")
+
+  # Every filter of the target goes to one file, written afresh by the target's first call of each
+  # configure run; that first call also adds the check that reads it.
+  set(claims_file "${CMAKE_CURRENT_BINARY_DIR}/${target}_unit_claims.cmake")
+  get_property(seen GLOBAL PROPERTY "TOV_UNIT_CLAIMS_${target}")
+  if(NOT seen)
+    set_property(GLOBAL PROPERTY "TOV_UNIT_CLAIMS_${target}" "${kind}")
+    file(WRITE "${claims_file}" "")
+    add_test(NAME "${target}.every_case_claimed"
+      COMMAND "${CMAKE_COMMAND}" "-DTEST_BINARY=$<TARGET_FILE:${target}>" "-DKIND=${kind}"
+              "-DCLAIMS=${claims_file}" -P "${_TOV_LIST_SCRIPT}")
+  elseif(NOT seen STREQUAL kind)
+    message(FATAL_ERROR "tov_add_unit_tests: ${target} registered both with and without QTEST")
+  endif()
+  file(APPEND "${claims_file}" "list(APPEND FILTERS [==[${ARG_FILTER}]==])\n")
 endfunction()
 
 # tov_add_faketime_test(TARGET FILTER "YYYY-MM-DD hh:mm:ss")

@@ -4,78 +4,14 @@
 #include "utils/stringops.h"
 
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
 namespace {
 
-void checkStringDelim(const std::string& text, const std::string& delim)
+void require(bool holds)
 {
-    size_t total = 0;
-    for (const std::string& field : string_split_stringDelim(text, delim)) {
-        if (field.empty() || (!delim.empty() && field.find(delim) != std::string::npos))
-            abort();
-        total += field.size();
-    }
-    if (total > text.size())
-        abort();
-}
-
-void checkMultiCharDelim(const std::string& text, const std::string& delims)
-{
-    const std::vector<std::string> pieces = string_split_multiCharDelim(text, delims);
-    std::string joined;
-    for (size_t i = 0; i < pieces.size(); ++i) {
-        const std::string& piece = pieces[i];
-        const bool last = i + 1 == pieces.size();
-        // Every piece but the last ends with its delimiter, the only one it holds.
-        const std::string body = last ? piece : piece.substr(0, piece.size() - 1);
-        if ((!last && (piece.empty() || delims.find(piece.back()) == std::string::npos))
-            || body.find_first_of(delims) != std::string::npos)
-            abort();
-        joined += piece;
-    }
-    if (joined != text || pieces.empty())
-        abort();
-    if (double_split_multiCharDelim(text, delims).size() != pieces.size())
-        abort();
-}
-
-void checkPrefixes(const std::string& text, const std::string& part)
-{
-    const std::string t = text.c_str(), p = part.c_str(); // the C-string view the helpers get
-    if (string_startsWith(text.c_str(), part.c_str()) != (t.compare(0, p.size(), p) == 0 && t.size() >= p.size()))
-        abort();
-    const bool ends = t.size() >= p.size() && t.compare(t.size() - p.size(), p.size(), p) == 0;
-    if (string_endsWith(text.c_str(), part.c_str()) != ends)
-        abort();
-}
-
-void checkFilters(const std::string& text, const std::string& s)
-{
-    std::vector<std::string> all = string_split_stringDelim(text, "\n");
-    std::vector<std::string> erased = all, filtered = all;
-    eraseVectorContainsStr(erased, s);
-    filterVectorContainsStr(filtered, s);
-    if (erased.size() + filtered.size() != all.size())
-        abort();
-    for (const std::string& entry : erased)
-        if (string_findSubStr(entry, s))
-            abort();
-    for (const std::string& entry : filtered)
-        if (!string_findSubStr(entry, s))
-            abort();
-}
-
-void checkReplace(std::string text, const std::string& from, const std::string& to)
-{
-    const std::string before = text;
-    string_replaceChar(text, from, to);
-    if (from.empty() && text != before)
-        abort();
-    // With no overlap between what goes and what comes, nothing of the old text stays.
-    if (!from.empty() && to.find(from) == std::string::npos && from.size() == 1 && text.find(from) != std::string::npos)
+    if (!holds)
         abort();
 }
 
@@ -87,10 +23,51 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string delim = in.chunk();
     const std::string to = in.chunk();
     const std::string text = in.rest();
-    checkStringDelim(text, delim);
-    checkMultiCharDelim(text, delim);
-    checkPrefixes(text, delim);
-    checkFilters(text, delim);
-    checkReplace(text, delim, to);
+
+    // Fields between whole delimiters: none empty, none holding the delimiter, and with the
+    // delimiters they account for every byte of the text.
+    size_t total = 0;
+    for (const std::string& field : string_split_stringDelim(text, delim)) {
+        require(!field.empty() && (delim.empty() || field.find(delim) == std::string::npos));
+        total += field.size();
+    }
+    for (size_t q = text.find(delim); !delim.empty() && q != std::string::npos; q = text.find(delim, q + delim.size()))
+        total += delim.size();
+    require(total == text.size());
+
+    // Pieces that join back into the text, each but the last ending with its only delimiter.
+    const std::vector<std::string> pieces = string_split_multiCharDelim(text, delim);
+    std::string joined;
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        const bool last = i + 1 == pieces.size();
+        require(last || (!pieces[i].empty() && delim.find(pieces[i].back()) != std::string::npos));
+        require(pieces[i].find_first_of(delim) >= pieces[i].size() - (last ? 0 : 1));
+        joined += pieces[i];
+    }
+    require(!pieces.empty() && joined == text);
+    require(double_split_multiCharDelim(text, delim).size() == pieces.size());
+
+    // Prefix and suffix as the C strings the helpers get.
+    const std::string t = text.c_str(), p = delim.c_str();
+    require(string_startsWith(text.c_str(), delim.c_str()) == (t.compare(0, p.size(), p) == 0));
+    const bool ends = t.size() >= p.size() && t.compare(t.size() - p.size(), p.size(), p) == 0;
+    require(string_endsWith(text.c_str(), delim.c_str()) == ends);
+
+    // The two list filters split a list between them.
+    const std::vector<std::string> all = string_split_stringDelim(text, "\n");
+    std::vector<std::string> erased = all, kept = all;
+    eraseVectorContainsStr(erased, delim);
+    filterVectorContainsStr(kept, delim);
+    require(erased.size() + kept.size() == all.size());
+    for (const std::string& entry : erased)
+        require(!string_findSubStr(entry, delim));
+    for (const std::string& entry : kept)
+        require(string_findSubStr(entry, delim));
+
+    // A single character replaced by text without it leaves none behind.
+    std::string replaced = text;
+    string_replaceChar(replaced, delim, to);
+    require(!delim.empty() || replaced == text);
+    require(delim.size() != 1 || to.find(delim) != std::string::npos || replaced.find(delim) == std::string::npos);
     return 0;
 }

@@ -2,10 +2,12 @@
 
 #include "utils/fileops.h"
 #include "utils/stringops.h"
+#include "tovconfig.h"
 
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <utility>
 
 namespace {
 
@@ -18,20 +20,6 @@ std::string removalCommand(const std::string& remotePath)
     return "rm " + path;
 }
 
-curl_slist* commandList(const CurlLibrary& lib, const std::vector<std::string>& commands)
-{
-    curl_slist* list = nullptr;
-    for (const std::string& command : commands) {
-        curl_slist* grown = lib.slist_append(list, command.c_str());
-        if (grown == nullptr) {
-            lib.slist_free_all(list);
-            return nullptr;
-        }
-        list = grown;
-    }
-    return list;
-}
-
 bool keptByPattern(const std::string& name, const std::vector<std::string>& pieces)
 {
     for (const std::string& piece : pieces)
@@ -42,7 +30,11 @@ bool keptByPattern(const std::string& name, const std::vector<std::string>& piec
 
 } // namespace
 
-Curl_Wrapper::Curl_Wrapper()
+Curl_Wrapper::Curl_Wrapper() : Curl_Wrapper(TOV_WATCHTOWER_HOST_KEY_SHA256)
+{
+}
+
+Curl_Wrapper::Curl_Wrapper(std::string hostKeySha256) : m_hostKeySha256(std::move(hostKeySha256))
 {
     initCurl_Wrapper();
 }
@@ -67,12 +59,32 @@ void Curl_Wrapper::closeCurl_Wrapper()
         m_lib.global_cleanup();
 }
 
-CURL* Curl_Wrapper::newHandle()
+Curl_Wrapper::Handle Curl_Wrapper::open(std::initializer_list<const std::string*> mandatory)
 {
+    Handle none(nullptr, m_lib.easy_cleanup);
+    for (const std::string* argument : mandatory)
+        if (argument->empty())
+            return none;
     if (!m_lib.loaded())
-        return nullptr;
+        return none;
     m_lib.global_init(CURL_GLOBAL_ALL);
-    return m_lib.easy_init();
+    Handle handle(m_lib.easy_init(), m_lib.easy_cleanup);
+    if (handle && !m_hostKeySha256.empty())
+        m_lib.easy_setopt(handle.get(), CURLOPT_SSH_HOST_PUBLIC_KEY_SHA256, m_hostKeySha256.c_str());
+    return handle;
+}
+
+Curl_Wrapper::CommandList Curl_Wrapper::commandList(const std::vector<std::string>& commands)
+{
+    CommandList list(nullptr, m_lib.slist_free_all);
+    for (const std::string& command : commands) {
+        curl_slist* grown = m_lib.slist_append(list.get(), command.c_str());
+        if (grown == nullptr)
+            return CommandList(nullptr, m_lib.slist_free_all); // the old list goes with `list`
+        list.release();
+        list.reset(grown);
+    }
+    return list;
 }
 
 std::string Curl_Wrapper::getFileNameFromPath(const std::string& path)
@@ -143,52 +155,42 @@ bool Curl_Wrapper::perform(CURL* curl)
 bool Curl_Wrapper::TestConnection(const std::string& url, const std::string& user, const std::string& password)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (url.empty())
+    const Handle handle = open({&url});
+    if (!handle)
         return false;
-    CURL* curl = newHandle();
-    if (curl == nullptr)
-        return false;
+    CURL* const curl = handle.get();
     m_lib.easy_setopt(curl, CURLOPT_URL, url.c_str());
     setProgress(curl, 0);
     m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
     setCredentials(curl, user, password);
-    const bool ok = perform(curl);
-    m_lib.easy_cleanup(curl);
-    return ok;
+    return perform(curl);
 }
 
 bool Curl_Wrapper::DeleteFile(const std::string& url, const std::string& remotePath, const std::string& user,
                               const std::string& password)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (url.empty() || remotePath.empty())
+    const Handle handle = open({&url, &remotePath});
+    if (!handle)
         return false;
-    CURL* curl = newHandle();
-    if (curl == nullptr)
+    CURL* const curl = handle.get();
+    const CommandList commands = commandList({removalCommand(remotePath)});
+    if (!commands)
         return false;
-    curl_slist* commands = commandList(m_lib, {removalCommand(remotePath)});
-    if (commands == nullptr) {
-        m_lib.easy_cleanup(curl);
-        return false;
-    }
     m_lib.easy_setopt(curl, CURLOPT_URL, url.c_str());
-    m_lib.easy_setopt(curl, CURLOPT_QUOTE, commands);
+    m_lib.easy_setopt(curl, CURLOPT_QUOTE, commands.get());
     setCredentials(curl, user, password);
-    const bool ok = perform(curl);
-    m_lib.slist_free_all(commands);
-    m_lib.easy_cleanup(curl);
-    return ok;
+    return perform(curl);
 }
 
 bool Curl_Wrapper::Upload(const std::string& url, const std::string& user, const std::string& password,
                           UploadMap& files)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (url.empty())
+    const Handle handle = open({&url});
+    if (!handle)
         return false;
-    CURL* curl = newHandle();
-    if (curl == nullptr)
-        return false;
+    CURL* const curl = handle.get();
     m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
     m_lib.easy_setopt(curl, CURLOPT_UPLOAD, 1L);
     setProgress(curl, 0);
@@ -204,20 +206,19 @@ bool Curl_Wrapper::Upload(const std::string& url, const std::string& user, const
             continue;
         }
         const std::string remoteUrl = url + "/" + entry.first.second + "/" + getFileNameFromPath(localPath);
-        FILE* file = fopen(localPath.c_str(), "rb");
-        if (file == nullptr)
+        File file(fopen(localPath.c_str(), "rb"), &fclose);
+        if (!file)
             continue; // an unreadable file leaves the result as it is, as it always has
-        m_lib.easy_setopt(curl, CURLOPT_READDATA, file);
+        m_lib.easy_setopt(curl, CURLOPT_READDATA, file.get());
         m_lib.easy_setopt(curl, CURLOPT_URL, remoteUrl.c_str());
         m_lib.easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(st.st_size));
         const bool sent = perform(curl);
-        fclose(file);
+        file.reset();
         if (!sent)
             result = false;
         else if (entry.second)
             tovFileDelete(localPath);
     }
-    m_lib.easy_cleanup(curl);
     return result;
 }
 
@@ -225,48 +226,41 @@ bool Curl_Wrapper::Download(const std::string& url, const std::string& user, con
                             const std::string& remotePath, const std::string& localPath, const bool& removeRemote)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (url.empty() || remotePath.empty() || localPath.empty())
+    const Handle handle = open({&url, &remotePath, &localPath});
+    if (!handle)
         return false;
-    CURL* curl = newHandle();
-    if (curl == nullptr)
-        return false;
+    CURL* const curl = handle.get();
     const std::string remoteUrl = url + "/" + remotePath;
     if (tovFileExist(localPath))
         tovFileDelete(localPath);
-    FILE* file = fopen(localPath.c_str(), "wb+");
-    if (file == nullptr) {
-        m_lib.easy_cleanup(curl);
+    CommandList commands(nullptr, m_lib.slist_free_all);
+    // A partial file stays for the caller to look at.
+    const File file(fopen(localPath.c_str(), "wb+"), &fclose);
+    if (!file)
         return false;
-    }
     m_lib.easy_setopt(curl, CURLOPT_URL, remoteUrl.c_str());
     setProgress(curl, 0);
     m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
     m_lib.easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlWriteCallback);
-    m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, file);
+    m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, file.get());
     setCredentials(curl, user, password);
-    curl_slist* commands = nullptr;
     if (removeRemote) {
-        commands = commandList(m_lib, {removalCommand(remotePath)});
-        if (commands != nullptr)
-            m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, commands);
+        commands = commandList({removalCommand(remotePath)});
+        if (commands)
+            m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, commands.get());
     }
     m_lib.easy_setopt(curl, CURLOPT_FTP_FILEMETHOD, static_cast<long>(CURLFTPMETHOD_NOCWD));
-    const bool ok = perform(curl);
-    fclose(file); // a partial file stays for the caller to look at
-    m_lib.slist_free_all(commands);
-    m_lib.easy_cleanup(curl);
-    return ok;
+    return perform(curl);
 }
 
 bool Curl_Wrapper::Download(const std::string& url, const std::string& user, const std::string& password,
                             DownloadMap& files)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (url.empty())
+    const Handle handle = open({&url});
+    if (!handle)
         return false;
-    CURL* curl = newHandle();
-    if (curl == nullptr)
-        return false;
+    CURL* const curl = handle.get();
     m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
     setProgress(curl, 0);
     m_lib.easy_setopt(curl, CURLOPT_FTP_FILEMETHOD, static_cast<long>(CURLFTPMETHOD_NOCWD));
@@ -278,29 +272,29 @@ bool Curl_Wrapper::Download(const std::string& url, const std::string& user, con
         const std::string localPath = it->first.second + getFileNameFromPath(remotePath);
         // This form's command ends in a line feed, unlike the others: kept as the server has
         // always received it.
-        curl_slist* commands = it->second.first ? commandList(m_lib, {removalCommand(remotePath) + "\n"}) : nullptr;
+        std::vector<std::string> removal;
+        if (it->second.first)
+            removal.push_back(removalCommand(remotePath) + "\n");
+        const CommandList commands = commandList(removal);
         const std::string remoteUrl = url + "/" + remotePath;
         m_lib.easy_setopt(curl, CURLOPT_URL, remoteUrl.c_str());
         m_lib.easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlWriteCallback);
         setProgress(curl, 0);
         // Cleared for entries without removal, so the handle never points at a freed list.
-        m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, commands);
+        m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, commands.get());
 
-        FILE* file = fopen(localPath.c_str(), "wb+");
-        if (file == nullptr) {
+        File file(fopen(localPath.c_str(), "wb+"), &fclose);
+        if (!file) {
+            m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, nullptr); // before the list goes
             result = false;
-            m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, nullptr);
-            m_lib.slist_free_all(commands);
             ++it;
             continue;
         }
-        m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, file);
-        const CURLcode code = m_lib.easy_perform(curl);
-        fclose(file);
-        m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, nullptr);
-        m_lib.slist_free_all(commands);
-        if (code != CURLE_OK) {
-            printf("curl: error: %s\n", m_lib.easy_strerror(code));
+        m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, file.get());
+        const bool received = perform(curl);
+        file.reset();
+        m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, nullptr); // before the list goes
+        if (!received) {
             it->second.second = 0;
             it = files.erase(it);
             tovFileDelete(localPath);
@@ -309,7 +303,6 @@ bool Curl_Wrapper::Download(const std::string& url, const std::string& user, con
             ++it;
         }
     }
-    m_lib.easy_cleanup(curl);
     return result;
 }
 
@@ -318,36 +311,26 @@ bool Curl_Wrapper::QuoteCommand(const std::string& url, const std::string& remot
                                 const std::vector<std::string>& before, const std::vector<std::string>& after)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (url.empty() || remotePart.empty() || localFile.empty())
+    const Handle handle = open({&url, &remotePart, &localFile});
+    if (!handle)
         return false;
-    CURL* curl = newHandle();
-    if (curl == nullptr)
-        return false;
-    curl_slist* quote = commandList(m_lib, before);
-    curl_slist* postQuote = commandList(m_lib, after);
+    CURL* const curl = handle.get();
+    const CommandList quote = commandList(before);
+    const CommandList postQuote = commandList(after);
     const std::string fullUrl = url + remotePart;
-    FILE* file = fopen(localFile.c_str(), "wb+");
-    if (file == nullptr) {
-        m_lib.slist_free_all(quote);
-        m_lib.slist_free_all(postQuote);
-        m_lib.easy_cleanup(curl);
+    const File file(fopen(localFile.c_str(), "wb+"), &fclose);
+    if (!file)
         return false;
-    }
     m_lib.easy_setopt(curl, CURLOPT_URL, fullUrl.c_str());
     m_lib.easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Curl_Wrapper::_CurlWriteCallback);
-    m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, file);
+    m_lib.easy_setopt(curl, CURLOPT_WRITEDATA, file.get());
     setProgress(curl, 0);
-    if (quote != nullptr)
-        m_lib.easy_setopt(curl, CURLOPT_QUOTE, quote);
-    if (postQuote != nullptr)
-        m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, postQuote);
+    if (quote)
+        m_lib.easy_setopt(curl, CURLOPT_QUOTE, quote.get());
+    if (postQuote)
+        m_lib.easy_setopt(curl, CURLOPT_POSTQUOTE, postQuote.get());
     setCredentials(curl, user, password);
-    const bool ok = perform(curl);
-    fclose(file);
-    m_lib.slist_free_all(quote);
-    m_lib.slist_free_all(postQuote);
-    m_lib.easy_cleanup(curl);
-    return ok;
+    return perform(curl);
 }
 
 void Curl_Wrapper::filterListing(std::vector<std::string>& names, const std::string& pattern)
@@ -371,12 +354,11 @@ bool Curl_Wrapper::ListDir(const std::string& url, const std::string& user, cons
                            const std::string& remoteDir, std::vector<std::string>& result, const std::string& pattern)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (url.empty())
+    std::vector<std::string> names; // outlives the handle that writes into it
+    const Handle handle = open({&url});
+    if (!handle)
         return false;
-    CURL* curl = newHandle();
-    if (curl == nullptr)
-        return false;
-    std::vector<std::string> names;
+    CURL* const curl = handle.get();
     const std::string fullUrl = url + "/" + remoteDir;
     m_lib.easy_setopt(curl, CURLOPT_FTP_USE_EPSV, 0L);
     m_lib.easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
@@ -385,10 +367,8 @@ bool Curl_Wrapper::ListDir(const std::string& url, const std::string& user, cons
     m_lib.easy_setopt(curl, CURLOPT_DIRLISTONLY, 1L);
     setCredentials(curl, user, password);
     m_lib.easy_setopt(curl, CURLOPT_URL, fullUrl.c_str());
-    const bool ok = m_lib.easy_perform(curl) == CURLE_OK; // a failed listing prints nothing
-    m_lib.easy_cleanup(curl);
-    if (!ok)
-        return false;
+    if (m_lib.easy_perform(curl) != CURLE_OK)
+        return false; // a failed listing prints nothing
 
     filterListing(names, pattern);
     for (const std::string& name : names)

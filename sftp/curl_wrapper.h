@@ -10,7 +10,10 @@
 #include <curl/curl.h>
 
 #include <cstddef>
+#include <cstdio>
+#include <initializer_list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -24,7 +27,12 @@ public:
     // status); entries that fail are removed from the map
     using DownloadMap = std::map<std::pair<std::string, std::string>, std::pair<bool, int>>;
 
+    // The WATCHTOWER host key the factory pinned at build time (TOV_WATCHTOWER_HOST_KEY_SHA256).
     Curl_Wrapper();
+    // hostKeySha256: the SHA-256 of the server's host key, in base64 as "ssh-keygen -l" prints it
+    // after "SHA256:"; a server showing another key fails every operation before the password is
+    // sent. Empty: any host key is taken.
+    explicit Curl_Wrapper(std::string hostKeySha256);
     virtual ~Curl_Wrapper();
 
     bool initCurl_Wrapper();
@@ -57,15 +65,25 @@ public:
     void CurlProgressCallback(double total, double now);
 
 private:
-    // A new easy handle, the library's global state set up first as every operation has always
-    // done; null when libcurl is missing.
-    CURL* newHandle();
+    // Owning guards: whatever branch an operation leaves by, its handle, command lists and files
+    // are released (files first, then lists, then the handle, as they are declared in reverse).
+    using Handle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
+    using CommandList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
+    using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+    // The start every operation shares: null when one of the mandatory arguments is empty (libcurl
+    // is then left alone) or when no handle could be made; otherwise a new easy handle, the
+    // library's global state set up first as every operation has always done.
+    Handle open(std::initializer_list<const std::string*> mandatory);
+    // One list entry per command; null when there is no command or the list could not be made.
+    CommandList commandList(const std::vector<std::string>& commands);
     void setProgress(CURL* curl, long noProgress);
     void setCredentials(CURL* curl, const std::string& user, const std::string& password);
     bool perform(CURL* curl);
 
     CurlLibrary m_lib;
     std::mutex m_mutex;
+    const std::string m_hostKeySha256;
 };
 
 #endif

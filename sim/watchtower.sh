@@ -52,6 +52,8 @@ watchtower_serve() {
     mount --bind "$WATCHTOWER_DISK" "/home/$WATCHTOWER_USER"
 
     ssh-keygen -q -t ed25519 -N '' -f "$state/host_key"
+    # The unit sees the server's public key, as a factory that pins it would.
+    cp "$state/host_key.pub" /run/tovsim/watchtower_host_key.pub
     cat >"$state/sshd_config" <<CONFIG
 ListenAddress $address
 Port 22

@@ -3,7 +3,7 @@
 # file), must come up on the offscreen platform and show the network form on a screen. Runs
 # inside a unit:
 #
-#   sim/tovsim exec --bind OUT -- tests/armhf/show_form.sh ARMHF_TOV SYSROOT HOST_TOV OUT
+#   sim/tovsim exec --bind OUT -- tests/arm/show_form.sh ARMHF_TOV SYSROOT HOST_TOV OUT
 #
 # 1. offscreen: the program is still running 30 s after its start (it has built every page and
 #    waits for the operator; offscreen windows cannot be photographed from outside);
