@@ -202,6 +202,20 @@ private slots:
         QCOMPARE(unitJournal(), kDownAndStop + "/etc/init.d/networking restart\n");
     }
 
+    // The operator comes back to the form after a failed phase and corrects only the key.
+    void aCorrectedKeyAloneIsApplied()
+    {
+        fNetworkConf form;
+        form.show();
+        act(form, "comboBox_IFaceType=wlan0  Wifi");
+        ::apply(form);
+        act(form, "btn_wifi_key=cle corrigee");
+        tovtest::writeText("/run/tovsim/journal", "");
+        ::apply(form);
+        QCOMPARE(unitJournal(), kDownAndStop + "/etc/init.d/networking restart\n");
+        QVERIFY(readText("/etc/network/interfaces").find("\n wpa-psk cle corrigee\n") != std::string::npos);
+    }
+
     void aFailedWriteStillStartsTheTest()
     {
         fNetworkConf form;
