@@ -71,6 +71,14 @@ QString accentsFor(QChar letter)
     return QString();
 }
 
+// Popup width for n accented choices on a keyboard `keyboardWidth` pixels wide: keys of 6 % of
+// the width, or 22 pixels each when those would be narrower.
+int accentPopupWidth(int n, int keyboardWidth)
+{
+    const int keyWidth = keyboardWidth * 6 / 100;
+    return n * keyWidth > 22 * n + 3 ? n * keyWidth : 22 * n + 4;
+}
+
 }  // namespace
 
 RWKVirtualKeyboard::RWKVirtualKeyboard(QWidget* parent)
@@ -84,12 +92,6 @@ RWKVirtualKeyboard::~RWKVirtualKeyboard()
 {
     // The preview belongs to the target window, which may outlive the keyboard.
     delete m_preview;
-}
-
-int RWKVirtualKeyboard::accentPopupWidth(int n, int keyboardWidth)
-{
-    const int keyWidth = keyboardWidth * 6 / 100;
-    return n * keyWidth > 22 * n + 3 ? n * keyWidth : 22 * n + 4;
 }
 
 QPushButton* RWKVirtualKeyboard::makeKey(QWidget* parent, const QString& name)

@@ -38,9 +38,6 @@ public:
     // Kept as an entry point for callers; the number page is reached through the page key.
     void setDisplayNumber();
 
-    // Popup width for n accented choices on a keyboard `keyboardWidth` pixels wide.
-    static int accentPopupWidth(int n, int keyboardWidth);
-
 public slots:
     void sendChar(int index);
     void buttonPressed(int index);
