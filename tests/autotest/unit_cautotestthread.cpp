@@ -21,7 +21,6 @@
 #include <fstream>
 #include <ostream>
 #include <string>
-#include <vector>
 
 // Lines show as text in failure messages.
 void PrintTo(const QString& text, std::ostream* out)
@@ -49,11 +48,6 @@ struct RunRecord {
     qint64 endDelayMs = -1;    // from the end line to the end signal
 };
 
-bool isModuleLine(const QString& line)
-{
-    return line.startsWith(QLatin1String("Modul Mesure")) || line.startsWith(QLatin1String("ERREUR Aucun Modul"));
-}
-
 RunRecord runThread(bool resetWhileRunning = false)
 {
     int argc = 1;
@@ -76,7 +70,8 @@ RunRecord runThread(bool resetWhileRunning = false)
             endLineAt = clock.elapsed();
         if (line.startsWith(QStringLiteral("Test écriture fichier")))
             run.measureFile = readText(kMeasureFile);
-        if (isModuleLine(line) && run.pinsAtModule.empty())
+        const bool moduleLine = line.startsWith("Modul Mesure") || line.startsWith("ERREUR Aucun Modul");
+        if (moduleLine && run.pinsAtModule.empty())
             run.pinsAtModule = tovtest::gpioState();
         run.lines << line;
     });
@@ -114,13 +109,6 @@ QStringList linesBetween(const QStringList& lines, const QString& after, const Q
     return lines.mid(from, to - from);
 }
 
-QString kernelLine()
-{
-    struct utsname names;
-    uname(&names);
-    return QStringLiteral("Kernel Version: ") + names.release;
-}
-
 } // namespace
 
 // Every peer healthy, at four times clock speed: the relay stage's 40 s take 10 s, which leaves
@@ -129,14 +117,13 @@ TEST(TestThread, RunOnAGoodUnit)
 {
     const RunRecord run = runThread();
     ASSERT_EQ(run.endSignals, 1);
-    EXPECT_TRUE(QRegularExpression("^Date/Heure du TOV: \\d\\d/\\d\\d/\\d{4} \\d\\d:\\d\\d:\\d\\d$")
-                    .match(run.lines.value(3))
-                    .hasMatch())
-        << run.lines.value(3).toStdString();
+    struct utsname names;
+    uname(&names);
     QStringList lines = run.lines;
-    lines.removeAt(3);
+    const QString date = lines.takeAt(3);
+    EXPECT_TRUE(QRegularExpression("^Date/Heure du TOV: \\d\\d/\\d\\d/\\d{4} \\d\\d:\\d\\d:\\d\\d$").match(date).hasMatch());
     EXPECT_EQ(lines, QStringList({
-                         kernelLine(),
+                         QStringLiteral("Kernel Version: ") + names.release,
                          "Composant ETHERNET: DM9000-A",
                          "Espace de Stockage (libre/total): 64Mo/128Mo",
                          "Dongle USB WIFI branché OK",
@@ -172,25 +159,17 @@ TEST(TestThread, RunOnAGoodUnit)
                                 "200 in 1\n201 in 1\n202 in 1\n41 in 1\n42 in 1\n");
 
     // The measurement file: 256 lines of a time stamp, the index, and 256 times the same group.
-    const std::string& text = run.measureFile;
-    ASSERT_EQ(std::count(text.begin(), text.end(), '\n'), 256);
-    ASSERT_EQ(text.back(), '\n');
-    std::vector<std::string> fileLines;
-    for (std::string::size_type start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
-        fileLines.push_back(text.substr(start, end - start));
-    const QRegularExpression stamp("^\\d\\d/\\d\\d/\\d{4}_\\d\\d:\\d\\d:\\d\\d;");
-    std::string line3 = "3;", line255 = "255;";
-    for (int i = 0; i < 256; ++i) {
-        line3 += "3;0.60;";
-        line255 += "255;51.00;";
-    }
-    EXPECT_TRUE(stamp.match(QString::fromStdString(fileLines[3])).hasMatch()) << fileLines[3];
-    EXPECT_EQ(fileLines[3].substr(20), line3);
-    EXPECT_EQ(fileLines[255].substr(20), line255);
-    EXPECT_EQ(fileLines[0].substr(20, 9), "0;0;0.00;");
+    const QStringList file = QString::fromStdString(run.measureFile).split('\n');
+    ASSERT_EQ(file.size(), 257);
+    EXPECT_EQ(file[256], "");
+    const QRegularExpression stamp("^\\d\\d/\\d\\d/\\d{4}_\\d\\d:\\d\\d:\\d\\d;$");
+    EXPECT_TRUE(stamp.match(file[3].left(20)).hasMatch()) << file[3].toStdString();
+    EXPECT_EQ(file[3].mid(20), "3;" + QString("3;0.60;").repeated(256));
+    EXPECT_EQ(file[255].mid(20), "255;" + QString("255;51.00;").repeated(256));
+    EXPECT_EQ(file[0].mid(20, 9), "0;0;0.00;");
     // It stays after the transfer, and the server holds the same bytes.
-    EXPECT_EQ(readText(kMeasureFile), text);
-    EXPECT_EQ(readText(kServerCopy), text);
+    EXPECT_EQ(readText(kMeasureFile), run.measureFile);
+    EXPECT_EQ(readText(kServerCopy), run.measureFile);
 }
 
 // A file left by an earlier transfer is appended to, and the window's reset during the run
@@ -206,12 +185,9 @@ TEST(TestThread, EarlierFileIsAppendedToAndResetCountsOneMore)
     EXPECT_EQ(run.errors, 1);
 }
 
-TEST(TestThread, FullHomeFailsTheWriteAndLeavesTheBenchFilesAlone)
+TEST(TestThread, FullHomeFailsTheWriteAndLeavesThePhaseFileAlone)
 {
-    const std::string phase = "1\n0\n192.0.2.10\n";
-    const std::string starter = "#!/bin/sh\nTOV_BIN_NAME=tov_test\n";
-    writeText("/home/TOV/tov_test.cfg", phase);
-    writeText("/home/TOV/tov_starter", starter);
+    writeText("/home/TOV/tov_test.cfg", "1\n0\n192.0.2.10\n");
     // Fill /home to the last page: the appends of the measurement file fail.
     const int status = system("cat /dev/zero > /home/filler 2>/dev/null");
     (void)status;
@@ -220,8 +196,7 @@ TEST(TestThread, FullHomeFailsTheWriteAndLeavesTheBenchFilesAlone)
               QStringList("ERREUR Echec Test Ecriture fichier .msr"));
     EXPECT_EQ(run.lines.value(run.lines.size() - 1), kEndLine);
     EXPECT_GE(run.errors, 1);
-    EXPECT_EQ(readText("/home/TOV/tov_test.cfg"), phase);
-    EXPECT_EQ(readText("/home/TOV/tov_starter"), starter);
+    EXPECT_EQ(readText("/home/TOV/tov_test.cfg"), "1\n0\n192.0.2.10\n");
 }
 
 // The server is killed while it takes the file: shown, not counted, and the file stays as written.
@@ -257,11 +232,6 @@ struct Row {
     bool fileKept;
 };
 
-void PrintTo(const Row& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
 class Scenario : public testing::TestWithParam<Row> {
 };
 
@@ -289,81 +259,68 @@ QStringList relays(const QString& v)
             "GPIO Relais ALARME INVERSEUR sur " + v, "GPIO Relais ALIM BUS MODULES sur " + v};
 }
 
-// The V2 module with one faulty sensor: its values line, then exactly that sensor's line.
-QStringList v2Sensor(const char* values, const char* error)
+// The V2 module with one faulty sensor: its values, then that sensor's line.
+QStringList v2Sensor(const char* values, const char* sensor)
 {
-    return {kV2, QString("Poids= %1").arg(values), QString::fromUtf8(error)};
+    return {kV2, QString("Poids= %1").arg(values), QString::fromUtf8(sensor) + ", veuillez vérifier!"};
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Thread, Scenario,
     testing::Values(
         Row{"NoNetwork", kDate, kRelayStage,
-                 QStringList({"ERREUR Dongle USB WIFI NON branché/configuré, veuillez vérifier !",
-                              "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !"})
-                     << kNand << "Librairie VITRANOL installée OK",
-                 1, false},
+            QStringList({"ERREUR Dongle USB WIFI NON branché/configuré, veuillez vérifier !",
+                         "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !"})
+                << kNand << "Librairie VITRANOL installée OK",
+            1, false},
         Row{"WirelessOnly", kDate, "Démarrage du test",
-                 {"Dongle USB WIFI branché OK", "Réseau WIFI configuré OK",
-                  "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !",
-                  "ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux"},
-                 1, false},
+            {"Dongle USB WIFI branché OK", "Réseau WIFI configuré OK",
+             "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !",
+             "ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux"}, 1, false},
         Row{"ServerDown", "Câble Réseau Ethernet branché", "Librairie VITRANOL",
-                 QStringList("ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux") << kNand, 1, false},
+            QStringList("ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux") << kNand, 1, false},
         Row{"UploadRefused", "Test Lecture fichier", "Librairie VITRANOL",
-                 {"Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
-                  "ERREUR transfert Fichier TOV_TEST.MSR sur WATCHTOWER"},
-                 0, true},
+            {"Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
+             "ERREUR transfert Fichier TOV_TEST.MSR sur WATCHTOWER"}, 0, true},
         Row{"Used44", "Composant ETHERNET", kDate,
-                 {"Espace de Stockage (libre/total): 84Mo/128Mo", "ERREUR Espace de Stockage NAND Inutilisable"}, 1,
-                 true},
+            {"Espace de Stockage (libre/total): 84Mo/128Mo", "ERREUR Espace de Stockage NAND Inutilisable"}, 1, true},
         Row{"Used45", "Composant ETHERNET", kDate, {"Espace de Stockage (libre/total): 83Mo/128Mo"}, 0, true},
-        Row{"NoLibrary", "Fichier TOV_TEST.MSR transféré", kRelayStage,
-                 {"ERREUR librairie VITRANOL pas installée"}, 1, true},
+        Row{"NoLibrary", "Fichier TOV_TEST.MSR transféré", kRelayStage, {"ERREUR librairie VITRANOL pas installée"}, 1,
+            true},
         // Without /ramdisk the command captures read empty.
-        Row{"NoRamdisk", "", "Espace de Stockage", {"Kernel Version: ", "Composant ETHERNET: DM9000-X"}, 0,
-                 true},
+        Row{"NoRamdisk", "", "Espace de Stockage", {"Kernel Version: ", "Composant ETHERNET: DM9000-X"}, 0, true},
         // Without sysfs GPIO every pin reads -1, the value the loop starts from: no line at all.
         Row{"NoGpio", kRelayStage, kV2, {}, 0, true},
         // RESERVE goes active then idle again during the 40 s (reserve_toggle.txt).
         Row{"Relays", kRelayStage, kV2,
-                 QStringList({"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"})
-                     << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << kLastInput << relays("1") << relays("0"),
-                 0, true},
+            QStringList({"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"})
+                << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << kLastInput << relays("1") << relays("0"),
+            0, true},
         // The V1 emulator's fields 00500,07410,06500,08000,12000: weight 500, temperatures n / 117 - 40,
         // 12000 uA on the default 0-30 range gives 15.
         Row{"ModuleV1", kLastInput, kEndLine,
-                 {"Modul MesureV1 Détecté OK", "Poids= 500, PR= 15, T_SOR= 23.3333, T_ENT= 28.3761, T_EXT= 15.5556"},
-                 0, true},
-        Row{"ModuleV1Silent", kLastInput, kEndLine, {"Modul MesureV1 Détecté OK", "ERREUR RS485 Modul MesureV1"},
-                 1, true},
+            {"Modul MesureV1 Détecté OK", "Poids= 500, PR= 15, T_SOR= 23.3333, T_ENT= 28.3761, T_EXT= 15.5556"}, 0,
+            true},
+        Row{"ModuleV1Silent", kLastInput, kEndLine, {"Modul MesureV1 Détecté OK", "ERREUR RS485 Modul MesureV1"}, 1,
+            true},
         Row{"ModuleV1Cut", kLastInput, kEndLine, {kNoModule}, 1, true},
         Row{"ModuleV2Cut", kLastInput, kEndLine, {kNoModule}, 1, true},
         Row{"ModuleV2Faulty", kLastInput, kEndLine,
-                 {kV2, "Poids= -999, PR= 999, T_SOR= 999, T_ENT= 999, T_EXT= 999",
-                  "ERREUR Sonde PRESSION HP, veuillez vérifier!", "ERREUR Sonde PT100 SORTIE, veuillez vérifier!",
-                  "ERREUR Sonde PT100 ENTREE, veuillez vérifier!", "ERREUR Sonde PT100 EXTERIEURE, veuillez vérifier!",
-                  "ERREUR POIDS Jauge de Contrainte, veuillez vérifier!"},
-                 4, true},
-        // One faulty sensor per unit: only the high-pressure sensor goes uncounted.
+            {kV2, "Poids= -999, PR= 999, T_SOR= 999, T_ENT= 999, T_EXT= 999",
+             "ERREUR Sonde PRESSION HP, veuillez vérifier!", "ERREUR Sonde PT100 SORTIE, veuillez vérifier!",
+             "ERREUR Sonde PT100 ENTREE, veuillez vérifier!", "ERREUR Sonde PT100 EXTERIEURE, veuillez vérifier!",
+             "ERREUR POIDS Jauge de Contrainte, veuillez vérifier!"}, 4, true},
+        // One faulty sensor per unit: exactly its line, and only the high-pressure one goes uncounted.
         Row{"V2Pressure", kLastInput, kEndLine,
-                 v2Sensor("125.5, PR= 999, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5",
-                          "ERREUR Sonde PRESSION HP, veuillez vérifier!"),
-                 0, true},
+            v2Sensor("125.5, PR= 999, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5", "ERREUR Sonde PRESSION HP"), 0, true},
         Row{"V2Outlet", kLastInput, kEndLine,
-                 v2Sensor("125.5, PR= 12.25, T_SOR= 999, T_ENT= 21.5, T_EXT= 8.5",
-                          "ERREUR Sonde PT100 SORTIE, veuillez vérifier!"),
-                 1, true},
+            v2Sensor("125.5, PR= 12.25, T_SOR= 999, T_ENT= 21.5, T_EXT= 8.5", "ERREUR Sonde PT100 SORTIE"), 1, true},
         Row{"V2Inlet", kLastInput, kEndLine,
-                 v2Sensor("125.5, PR= 12.25, T_SOR= 35.75, T_ENT= 999, T_EXT= 8.5",
-                          "ERREUR Sonde PT100 ENTREE, veuillez vérifier!"),
-                 1, true},
+            v2Sensor("125.5, PR= 12.25, T_SOR= 35.75, T_ENT= 999, T_EXT= 8.5", "ERREUR Sonde PT100 ENTREE"), 1, true},
         Row{"V2Outside", kLastInput, kEndLine,
-                 v2Sensor("125.5, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 999",
-                          "ERREUR Sonde PT100 EXTERIEURE, veuillez vérifier!"),
-                 1, true},
+            v2Sensor("125.5, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 999", "ERREUR Sonde PT100 EXTERIEURE"), 1,
+            true},
         Row{"V2Weight", kLastInput, kEndLine,
-                 v2Sensor("-999, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5",
-                          "ERREUR POIDS Jauge de Contrainte, veuillez vérifier!"),
-                 1, true}),
+            v2Sensor("-999, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5", "ERREUR POIDS Jauge de Contrainte"), 1,
+            true}),
     [](const testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
