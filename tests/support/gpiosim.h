@@ -1,14 +1,32 @@
 // The simulated unit's GPIO emulator seen from a test inside the unit: input levels to set, output
-// levels and the journal to read, and a count of the requests made to /sys/class/gpio.
+// levels and the journal to read, a count of the requests made to /sys/class/gpio, and a writer of
+// its sysfs files that reports the kernel's answer.
 #ifndef TOV_TESTS_GPIOSIM_H
 #define TOV_TESTS_GPIOSIM_H
 
 #include "testfiles.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
 namespace tovtest {
+
+// Writes TEXT to /sys/class/gpio/NAME in one write(2), as a script or an earlier run would; gives 0
+// when taken, else the errno of the open or the write (-1 for a short write).
+inline int gpioWrite(const std::string& name, const std::string& text)
+{
+    const int fd = open(("/sys/class/gpio/" + name).c_str(), O_WRONLY | O_TRUNC);
+    if (fd < 0)
+        return errno;
+    const ssize_t written = write(fd, text.data(), text.size());
+    const int error = written < 0 ? errno : written == static_cast<ssize_t>(text.size()) ? 0 : -1;
+    close(fd);
+    return error;
+}
 
 inline std::string gpioJournal()
 {
@@ -34,12 +52,7 @@ inline long gpioLevel(int pin)
     return std::strtol(readText("/run/tovsim/gpio/pins/" + std::to_string(pin)).c_str(), nullptr, 10);
 }
 
-// "PIN DIRECTION LEVEL[ exported]" per pin, in board order.
-inline std::string gpioState()
-{
-    return readText("/run/tovsim/gpio/state");
-}
-
+// Requests made under /sys/class/gpio so far.
 inline unsigned long gpioAccesses()
 {
     return std::strtoul(readText("/run/tovsim/gpio/accesses").c_str(), nullptr, 10);
