@@ -84,6 +84,7 @@ RunRecord runThread(bool resetWhileRunning = false)
     thread.start();
     if (resetWhileRunning)
         thread.OnResetState(true);
+    // The relay stage ends when its first pin is released: watched from here as the run goes on.
     while (!thread.wait(20)) {
         if (relayStageAt >= 0 && run.relayStageMs < 0 &&
             tovtest::gpioJournal().find("unexport") != std::string::npos)
