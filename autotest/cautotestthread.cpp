@@ -88,10 +88,9 @@ void cAutoTestThread::run()
     checkNandRead();
     checkTransfer(connected);
     checkFluidLibrary();
-    // The pins, the timer and the port live until the end of the run.
-    gpioV2 gpio;
+    // The timer and the port live until the end of the run; the pins only for their stage.
     rwkTimer timer;
-    checkRelaysAndInputs(gpio, timer);
+    checkRelaysAndInputs(timer);
     CComRS485 link;
     checkModule(link);
     finish();
@@ -213,8 +212,10 @@ void cAutoTestThread::checkFluidLibrary()
         fail(tr("ERREUR librairie VITRANOL pas installée"));
 }
 
-void cAutoTestThread::checkRelaysAndInputs(gpioV2& gpio, rwkTimer& timer)
+void cAutoTestThread::checkRelaysAndInputs(rwkTimer& timer)
 {
+    // The pins belong to this stage alone: released on leaving it, before the module is probed.
+    gpioV2 gpio;
     static int KillJobInMs = 0;
     KillJobInMs = timer.elapsed() + kRelayTestMs;
     report(tr("Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes"));
@@ -277,7 +278,7 @@ void cAutoTestThread::checkModuleV2(CComRS485& link)
     }
     report(tr("Modul MesureV2 version:%1 Détecté OK").arg(double(v2.getCFG_struct(114).valueAsFloat())));
     // Unlike V1, a non-zero answer is the failure here.
-    if (v2.CM_sendTo(13) != 0) {
+    if (v2.CM_sendTo(MesV2Modul::CMD_DATA) != 0) {
         fail(tr("ERREUR RS485 Modul MesureV2"));
         return;
     }
@@ -287,15 +288,15 @@ void cAutoTestThread::checkModuleV2(CComRS485& link)
     const float outlet = data.values[3], outside = data.values[4];
     reportValues(weight, pressure, outlet, inlet, outside);
     // The module marks a faulty sensor with exactly these values.
-    if (pressure == 999.0f) // printed only: the unit works without its high-pressure sensor
+    if (pressure == MesV2Modul::MARKER_SENSOR) // printed only: the unit works without its high-pressure sensor
         report(tr("ERREUR Sonde PRESSION HP, veuillez vérifier!"));
-    if (outlet == 999.0f)
+    if (outlet == MesV2Modul::MARKER_SENSOR)
         fail(tr("ERREUR Sonde PT100 SORTIE, veuillez vérifier!"));
-    if (inlet == 999.0f)
+    if (inlet == MesV2Modul::MARKER_SENSOR)
         fail(tr("ERREUR Sonde PT100 ENTREE, veuillez vérifier!"));
-    if (outside == 999.0f)
+    if (outside == MesV2Modul::MARKER_SENSOR)
         fail(tr("ERREUR Sonde PT100 EXTERIEURE, veuillez vérifier!"));
-    if (weight == -999.0f)
+    if (weight == MesV2Modul::MARKER_WEIGHT)
         fail(tr("ERREUR POIDS Jauge de Contrainte, veuillez vérifier!"));
 }
 

@@ -52,7 +52,7 @@ private:
     void checkNandRead();
     void checkTransfer(bool connected);
     void checkFluidLibrary();
-    void checkRelaysAndInputs(gpioV2& gpio, rwkTimer& timer);
+    void checkRelaysAndInputs(rwkTimer& timer);
     bool reportInputChange(gpioV2& gpio, int pin, int& lastSeen, const QString& line);
     void checkModule(CComRS485& link);
     void checkModuleV2(CComRS485& link);

@@ -1,4 +1,4 @@
-// The result panel on its own: colours, scrolling, the form's settings.
+// The result panel on its own: which lines are red, the newest line in view, clearing.
 #include "app/fresultdisplay.h"
 
 #include <QListWidget>
@@ -8,47 +8,25 @@
 class TestResultDisplay : public QObject {
     Q_OBJECT
 
-private:
-    static QListWidget* list(fResultDisplay& panel) { return panel.findChild<QListWidget*>("msgDisplay"); }
-
 private slots:
-    void formSettings()
-    {
-        fResultDisplay panel;
-        QCOMPARE(panel.objectName(), QString("fResultDisplay"));
-        QCOMPARE(panel.windowTitle(), QString("Form"));
-        QCOMPARE(panel.size(), QSize(386, 341));
-        QListWidget* msg = list(panel);
-        QVERIFY(msg != nullptr);
-        QCOMPARE(msg->font().pointSize(), 12);
-        QCOMPARE(msg->font().weight(), int(QFont::Bold));
-        QCOMPARE(msg->verticalScrollBarPolicy(), Qt::ScrollBarAlwaysOn);
-        QCOMPARE(msg->editTriggers(), QAbstractItemView::NoEditTriggers);
-        QCOMPARE(msg->selectionMode(), QAbstractItemView::SingleSelection);
-        QCOMPARE(msg->resizeMode(), QListView::Adjust);
-        QCOMPARE(msg->count(), 0);
-    }
-
     void onlyLinesStartingWithErreurAreRed()
     {
         fResultDisplay panel;
+        auto* list = panel.findChild<QListWidget*>("msgDisplay");
         const QStringList lines = {"ERREUR Echec Test Ecriture fichier .msr", " ERREUR Echec", "erreur minuscule",
                                    "Librairie VITRANOL installée OK", "ERREURS au pluriel", "ERREU"};
+        const QList<bool> red = {true, false, false, false, true, false};
         for (const QString& line : lines)
             panel.OnResultDisplay(line);
-        QListWidget* msg = list(panel);
-        QCOMPARE(msg->count(), lines.size());
-        const QList<bool> red = {true, false, false, false, true, false};
+        QCOMPARE(list->count(), lines.size());
         for (int i = 0; i < lines.size(); ++i) {
-            QCOMPARE(msg->item(i)->text(), lines[i]);
-            const QBrush brush = msg->item(i)->foreground();
-            if (red[i]) {
-                QCOMPARE(brush.color(), QColor(Qt::red));
-                QCOMPARE(brush.style(), Qt::SolidPattern);
-            } else {
-                QCOMPARE(brush.style(), Qt::NoBrush);
-            }
+            QCOMPARE(list->item(i)->text(), lines[i]);
+            const QBrush brush = list->item(i)->foreground();
+            QCOMPARE(brush.style(), red[i] ? Qt::SolidPattern : Qt::NoBrush);
+            QVERIFY(!red[i] || brush.color() == QColor(Qt::red));
         }
+        panel.OnDisplayClear();
+        QCOMPARE(list->count(), 0);
     }
 
     void newestLineStaysVisible()
@@ -58,23 +36,9 @@ private slots:
         QVERIFY(QTest::qWaitForWindowExposed(&panel));
         for (int i = 0; i < 300; ++i)
             panel.OnResultDisplay(QString("ligne %1").arg(i));
-        QListWidget* msg = list(panel);
-        QTRY_VERIFY(msg->verticalScrollBar()->value() > 0);
-        const QRect last = msg->visualItemRect(msg->item(299));
-        QVERIFY(msg->viewport()->rect().contains(last));
-    }
-
-    void clearEmptiesAndCanRepeat()
-    {
-        fResultDisplay panel;
-        panel.OnDisplayClear();
-        QCOMPARE(list(panel)->count(), 0);
-        panel.OnResultDisplay("a");
-        panel.OnResultDisplay("ERREUR b");
-        panel.OnDisplayClear();
-        QCOMPARE(list(panel)->count(), 0);
-        panel.OnDisplayClear();
-        QCOMPARE(list(panel)->count(), 0);
+        auto* list = panel.findChild<QListWidget*>("msgDisplay");
+        QTRY_VERIFY(list->verticalScrollBar()->value() > 0);
+        QVERIFY(list->viewport()->rect().contains(list->visualItemRect(list->item(299))));
     }
 };
 

@@ -1,8 +1,10 @@
-// Whole runs of the test thread in a simulated unit, its result lines checked against the unit's
-// real files. The units run at ten times clock speed (four where timing matters, see
-// CMakeLists.txt), so one run takes about five seconds instead of fifty.
+// Whole runs of the test thread in simulated units, each with the peers CMakeLists.txt gives it:
+// the result lines byte for byte, the error count, and what the run left in the unit's files and
+// pins. Durations are taken on this process's clock, which is the unit's sped-up one: at four
+// times speed the bounds below leave a loaded machine a second or two.
 #include "autotest/cautotestthread.h"
 
+#include "gpiosim.h"
 #include "testfiles.h"
 
 #include <gtest/gtest.h>
@@ -15,10 +17,11 @@
 #include <sys/utsname.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <ostream>
 #include <string>
-#include <vector>
 
 // Lines show as text in failure messages.
 void PrintTo(const QString& text, std::ostream* out)
@@ -32,17 +35,21 @@ using tovtest::writeText;
 namespace {
 
 const char* const kMeasureFile = "/home/tov_test.msr";
+const char* const kServerCopy = "/run/tovsim/watchtower/TOV/tests_tov/tov_test.msr";
+const QString kRelayStage = QStringLiteral("Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes");
+const QString kEndLine = QStringLiteral("AutoTest Terminer!");
 
 struct RunRecord {
     QStringList lines;
     int errors = -1;
     int endSignals = 0;
-    std::string measureFileWhenWritten; // as it stood when the write line was emitted
-    qint64 msFromEndLineToSignal = -1;
+    std::string measureFile;   // as it stood when its write line was emitted
+    std::string pinsAtModule;  // the board's pins when the module stage showed its first line
+    qint64 relayStageMs = -1;  // from the stage's line to the first pin released
+    qint64 endDelayMs = -1;    // from the end line to the end signal
 };
 
-// resetWhileRunning: the window's reset arrives from this thread once the run has started.
-RunRecord runThread(bool resetState = false, bool resetWhileRunning = false)
+RunRecord runThread(bool resetWhileRunning = false)
 {
     int argc = 1;
     char name[] = "unit_cautotestthread";
@@ -51,399 +58,270 @@ RunRecord runThread(bool resetState = false, bool resetWhileRunning = false)
 
     cAutoTestThread thread;
     thread.setServerAddress("192.0.2.10");
-    if (resetState)
-        thread.OnResetState(true);
     RunRecord run;
-    QElapsedTimer sinceEndLine;
+    QElapsedTimer clock;
+    clock.start();
+    std::atomic<qint64> relayStageAt{-1};
+    qint64 endLineAt = -1;
     // Direct connections: the slots run in the worker, at the moment of each emission.
     QObject::connect(&thread, &cAutoTestThread::sig_ThreadUpdText, [&](const QString& line) {
-        run.lines << line;
+        if (line == kRelayStage)
+            relayStageAt = clock.elapsed();
+        if (line == kEndLine)
+            endLineAt = clock.elapsed();
         if (line.startsWith(QStringLiteral("Test écriture fichier")))
-            run.measureFileWhenWritten = readText(kMeasureFile);
-        if (line == QLatin1String("AutoTest Terminer!"))
-            sinceEndLine.start();
+            run.measureFile = readText(kMeasureFile);
+        const bool moduleLine = line.startsWith("Modul Mesure") || line.startsWith("ERREUR Aucun Modul");
+        if (moduleLine && run.pinsAtModule.empty())
+            run.pinsAtModule = readText("/run/tovsim/gpio/state");
+        run.lines << line;
     });
     QObject::connect(&thread, &cAutoTestThread::sig_ThreadEnd, [&](int errors) {
         run.errors = errors;
         ++run.endSignals;
-        run.msFromEndLineToSignal = sinceEndLine.isValid() ? sinceEndLine.elapsed() : -1;
+        run.endDelayMs = clock.elapsed() - endLineAt;
     });
     thread.start();
     if (resetWhileRunning)
         thread.OnResetState(true);
-    thread.wait();
+    // The relay stage ends when its first pin is released: watched from here as the run goes on.
+    while (!thread.wait(20)) {
+        if (relayStageAt >= 0 && run.relayStageMs < 0 &&
+            tovtest::gpioJournal().find("unexport") != std::string::npos)
+            run.relayStageMs = clock.elapsed() - relayStageAt;
+    }
     return run;
 }
 
-std::string kernelRelease()
+// The lines after the first one starting with `after` ("": from the first line) and before the
+// first later one starting with `before`.
+QStringList linesBetween(const QStringList& lines, const QString& after, const QString& before)
 {
-    struct utsname names;
-    uname(&names);
-    return names.release;
+    int from = 0;
+    if (!after.isEmpty()) {
+        while (from < lines.size() && !lines[from].startsWith(after))
+            ++from;
+        ++from;
+    }
+    int to = from;
+    while (to < lines.size() && !lines[to].startsWith(before))
+        ++to;
+    if (from > lines.size() || to == lines.size())
+        return {"no line '" + after + "' followed by '" + before + "'"};
+    return lines.mid(from, to - from);
 }
-
-// The lines up to the storage stage, whose values depend on the unit's /home.
-QStringList headLines(const QString& storageLine)
-{
-    return {QString::fromStdString("Kernel Version: " + kernelRelease()), "Composant ETHERNET: DM9000-A",
-            storageLine};
-}
-
-int indexOf(const QStringList& lines, const QString& line)
-{
-    return static_cast<int>(lines.indexOf(line));
-}
-
-// The stage lines after the date, on a unit that passes everything: the server takes the file,
-// the inputs rest (each reads 0) and a V2 module answers with the emulator's default values.
-QStringList goodStageLines()
-{
-    return {
-        "Dongle USB WIFI branché OK",
-        "Réseau WIFI configuré OK",
-        "Câble Réseau Ethernet branché/configuré OK",
-        "Connection vers WATCHTOWER réussi, Internet port 22 OK",
-        "Démarrage du test ECRITURE/LECTURE NAND",
-        "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs",
-        "Test Lecture fichier de 256 lignes OK",
-        "Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
-        "Fichier TOV_TEST.MSR transféré sur WATCHTOWER OK",
-        "Librairie VITRANOL installée OK",
-        "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes",
-        "GPIO TOR MARCHE COMPRESSEUR= 0",
-        "GPIO TOR MARCHE CENTRAL= 0",
-        "GPIO TOR RESERVE= 0",
-        "GPIO Relais ALARME NIVEAU BAS sur 0",
-        "GPIO Relais ALARME INVERSEUR sur 0",
-        "GPIO Relais ALIM BUS MODULES sur 0",
-        "GPIO TOR DIPSWITCH_SW2_1= 0",
-        "GPIO TOR DIPSWITCH_SW2_2= 0",
-        "Modul MesureV2 version:2.5 Détecté OK",
-        "Poids= 125.5, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5",
-        "AutoTest Terminer!",
-    };
-}
-
-// The lines between the first and the second given one, both excluded.
-QStringList linesBetween(const QStringList& lines, const QString& first, const QString& last)
-{
-    const int from = indexOf(lines, first);
-    const int to = indexOf(lines, last);
-    if (from < 0 || to < from)
-        return {"missing '" + first + "' or '" + last + "'"};
-    return lines.mid(from + 1, to - from - 1);
-}
-
-const QString kRelayStage = QStringLiteral("Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes");
-const QString kEndLine = QStringLiteral("AutoTest Terminer!");
 
 } // namespace
 
-// Units of TestThread.*: every peer healthy (see CMakeLists.txt).
+// Every peer healthy.
 TEST(TestThread, RunOnAGoodUnit)
 {
     const RunRecord run = runThread();
     ASSERT_EQ(run.endSignals, 1);
-    ASSERT_GE(run.lines.size(), 5);
-
-    EXPECT_EQ(run.lines.mid(0, 3), headLines("Espace de Stockage (libre/total): 64Mo/128Mo"));
-    EXPECT_TRUE(QRegularExpression("^Date/Heure du TOV: \\d\\d/\\d\\d/\\d{4} \\d\\d:\\d\\d:\\d\\d$")
-                    .match(run.lines[3])
-                    .hasMatch())
-        << run.lines[3].toStdString();
-    EXPECT_EQ(run.lines.mid(4), goodStageLines());
+    struct utsname names;
+    uname(&names);
+    QStringList lines = run.lines;
+    const QString date = lines.takeAt(3);
+    EXPECT_TRUE(QRegularExpression("^Date/Heure du TOV: \\d\\d/\\d\\d/\\d{4} \\d\\d:\\d\\d:\\d\\d$").match(date).hasMatch());
+    EXPECT_EQ(lines, QStringList({
+                         QStringLiteral("Kernel Version: ") + names.release,
+                         "Composant ETHERNET: DM9000-A",
+                         "Espace de Stockage (libre/total): 64Mo/128Mo",
+                         "Dongle USB WIFI branché OK",
+                         "Réseau WIFI configuré OK",
+                         "Câble Réseau Ethernet branché/configuré OK",
+                         "Connection vers WATCHTOWER réussi, Internet port 22 OK",
+                         "Démarrage du test ECRITURE/LECTURE NAND",
+                         "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs",
+                         "Test Lecture fichier de 256 lignes OK",
+                         "Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
+                         "Fichier TOV_TEST.MSR transféré sur WATCHTOWER OK",
+                         "Librairie VITRANOL installée OK",
+                         kRelayStage,
+                         "GPIO TOR MARCHE COMPRESSEUR= 0",
+                         "GPIO TOR MARCHE CENTRAL= 0",
+                         "GPIO TOR RESERVE= 0",
+                         "GPIO Relais ALARME NIVEAU BAS sur 0",
+                         "GPIO Relais ALARME INVERSEUR sur 0",
+                         "GPIO Relais ALIM BUS MODULES sur 0",
+                         "GPIO TOR DIPSWITCH_SW2_1= 0",
+                         "GPIO TOR DIPSWITCH_SW2_2= 0",
+                         "Modul MesureV2 version:2.5 Détecté OK",
+                         "Poids= 125.5, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5",
+                         kEndLine,
+                     }));
     EXPECT_EQ(run.errors, 0);
-    EXPECT_GE(run.msFromEndLineToSignal, 5000);
-    // The file stays after the transfer, and the server holds the same bytes.
-    const std::string local = readText(kMeasureFile);
-    EXPECT_EQ(local.size(), run.measureFileWhenWritten.size());
-    EXPECT_EQ(readText("/run/tovsim/watchtower/TOV/tests_tov/tov_test.msr"), local);
-    // The relays were driven with the reserve input's level, in this order.
-    const std::string journal = readText("/run/tovsim/gpio.journal");
-    EXPECT_NE(journal.find("value 136 0\nvalue 138 0\nvalue 135 0\n"), std::string::npos) << journal;
+    EXPECT_GE(run.relayStageMs, 39500);
+    EXPECT_LE(run.relayStageMs, 46000);
+    EXPECT_GE(run.endDelayMs, 5000);
+    EXPECT_LE(run.endDelayMs, 7500);
+    // Every pin released, the relays left as driven, before the module is probed.
+    EXPECT_EQ(run.pinsAtModule, "138 out 0\n135 out 0\n136 out 0\n230 out 0\n232 out 0\n"
+                                "200 in 1\n201 in 1\n202 in 1\n41 in 1\n42 in 1\n");
+
+    // The measurement file: 256 lines of a time stamp, the index, and 256 times the same group.
+    const QStringList file = QString::fromStdString(run.measureFile).split('\n');
+    ASSERT_EQ(file.size(), 257);
+    EXPECT_EQ(file[256], "");
+    const QRegularExpression stamp("^\\d\\d/\\d\\d/\\d{4}_\\d\\d:\\d\\d:\\d\\d;$");
+    EXPECT_TRUE(stamp.match(file[3].left(20)).hasMatch()) << file[3].toStdString();
+    EXPECT_EQ(file[3].mid(20), "3;" + QString("3;0.60;").repeated(256));
+    EXPECT_EQ(file[255].mid(20), "255;" + QString("255;51.00;").repeated(256));
+    EXPECT_EQ(file[0].mid(20, 9), "0;0;0.00;");
+    // It stays after the transfer, and the server holds the same bytes.
+    EXPECT_EQ(readText(kMeasureFile), run.measureFile);
+    EXPECT_EQ(readText(kServerCopy), run.measureFile);
 }
 
-TEST(TestThread, MeasurementFileHasKnownSizeAndContent)
-{
-    const RunRecord run = runThread();
-    const std::string& text = run.measureFileWhenWritten;
-    ASSERT_FALSE(text.empty());
-
-    std::vector<std::string> lines;
-    std::string::size_type start = 0, end;
-    while ((end = text.find('\n', start)) != std::string::npos) {
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    EXPECT_EQ(start, text.size()) << "the file must end with a line feed";
-    ASSERT_EQ(lines.size(), 256u);
-
-    const QRegularExpression stamp("^\\d\\d/\\d\\d/\\d{4}_\\d\\d:\\d\\d:\\d\\d;");
-    std::string group3;
-    for (int i = 0; i < 256; ++i)
-        group3 += "3;0.60;";
-    const std::string& line3 = lines[3];
-    ASSERT_TRUE(stamp.match(QString::fromStdString(line3)).hasMatch()) << line3;
-    EXPECT_EQ(line3.substr(20), "3;" + group3);
-
-    std::string group255;
-    for (int i = 0; i < 256; ++i)
-        group255 += "255;51.00;";
-    EXPECT_EQ(lines[255].substr(20), "255;" + group255);
-    EXPECT_EQ(lines[0].substr(20, 9), "0;0;0.00;");
-}
-
-TEST(TestThread, EarlierMeasurementFileIsAppendedTo)
+// A file left by an earlier transfer is appended to, and the window's reset during the run
+// counts one more.
+TEST(TestThread, EarlierFileIsAppendedToAndResetCountsOneMore)
 {
     writeText(kMeasureFile, "earlier transfer\n");
-    const RunRecord run = runThread(/*resetState=*/true);
-    const std::string& text = run.measureFileWhenWritten;
-    EXPECT_EQ(text.rfind("earlier transfer\n", 0), 0u);
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 257);
-    EXPECT_GE(indexOf(run.lines, "Test Lecture fichier de 256 lignes OK"), 0);
-    // The reset flag, set while the run went on, counts one more.
-    EXPECT_EQ(run.errors, 1);
-}
-
-TEST(TestThread, ResetFromTheWindowDuringARunCountsOneMore)
-{
-    const RunRecord run = runThread(/*resetState=*/false, /*resetWhileRunning=*/true);
+    const RunRecord run = runThread(/*resetWhileRunning=*/true);
+    EXPECT_EQ(run.measureFile.rfind("earlier transfer\n", 0), 0u);
+    EXPECT_EQ(std::count(run.measureFile.begin(), run.measureFile.end(), '\n'), 257);
+    EXPECT_TRUE(run.lines.contains("Test Lecture fichier de 256 lignes OK"));
     EXPECT_EQ(run.endSignals, 1);
     EXPECT_EQ(run.errors, 1);
 }
 
-TEST(TestThreadUpload, MeasurementFileReachesTheServer)
+TEST(TestThread, FullHomeFailsTheWriteAndLeavesThePhaseFileAlone)
 {
-    writeText(kMeasureFile, "measurement\n");
-    cAutoTestThread thread;
-    thread.setServerAddress("192.0.2.10");
-    EXPECT_NE(thread.Upload(kMeasureFile), 0);
-    EXPECT_EQ(readText("/run/tovsim/watchtower/TOV/tests_tov/tov_test.msr"), "measurement\n");
-    EXPECT_EQ(readText(kMeasureFile), "measurement\n");
-
-    thread.setServerAddress("192.0.2.99");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(thread.Upload(kMeasureFile), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("curl: error: ", 0), 0u);
-}
-
-// The three cases below run in units started with --home-used 44 / 45 and --no-refprop.
-TEST(TestThreadUsed44NoLibrary, SmallUseOfStorageAndMissingLibraryFail)
-{
-    const RunRecord run = runThread();
-    EXPECT_EQ(run.lines.mid(0, 3), headLines("Espace de Stockage (libre/total): 84Mo/128Mo"));
-    EXPECT_EQ(run.lines.value(3), "ERREUR Espace de Stockage NAND Inutilisable");
-    EXPECT_GE(indexOf(run.lines, "ERREUR librairie VITRANOL pas installée"), 0);
-    EXPECT_LT(indexOf(run.lines, "Librairie VITRANOL installée OK"), 0);
-    EXPECT_EQ(run.errors, 2);
-}
-
-TEST(TestThreadUsed45, StorageWithMoreThan44MBUsedPasses)
-{
-    const RunRecord run = runThread();
-    EXPECT_EQ(run.lines.mid(0, 3), headLines("Espace de Stockage (libre/total): 83Mo/128Mo"));
-    EXPECT_LT(indexOf(run.lines, "ERREUR Espace de Stockage NAND Inutilisable"), 0);
-    EXPECT_EQ(run.errors, 0);
-}
-
-TEST(TestThreadFullHome, WriteFailureIsReportedAndCounted)
-{
-    // The bench's own files are there before /home fills up; the run must leave them alone.
-    const std::string phase = "1\n0\n192.0.2.10\n";
-    const std::string starter = "#!/bin/sh\nTOV_BIN_NAME=tov_test\n";
-    writeText("/home/TOV/tov_test.cfg", phase);
-    writeText("/home/TOV/tov_starter", starter);
+    writeText("/home/TOV/tov_test.cfg", "1\n0\n192.0.2.10\n");
     // Fill /home to the last page: the appends of the measurement file fail.
-    writeText("/home/filler", "");
     const int status = system("cat /dev/zero > /home/filler 2>/dev/null");
     (void)status;
     const RunRecord run = runThread();
-    EXPECT_EQ(run.endSignals, 1);
-    EXPECT_GE(indexOf(run.lines, "ERREUR Echec Test Ecriture fichier .msr"), 0);
-    EXPECT_LT(indexOf(run.lines, "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs"), 0);
+    EXPECT_EQ(linesBetween(run.lines, "Démarrage du test ECRITURE", "Test Lecture"),
+              QStringList("ERREUR Echec Test Ecriture fichier .msr"));
     EXPECT_EQ(run.lines.value(run.lines.size() - 1), kEndLine);
     EXPECT_GE(run.errors, 1);
-    EXPECT_EQ(readText("/home/TOV/tov_test.cfg"), phase);
-    EXPECT_EQ(readText("/home/TOV/tov_starter"), starter);
+    EXPECT_EQ(readText("/home/TOV/tov_test.cfg"), "1\n0\n192.0.2.10\n");
 }
 
-// Network scenarios: each suite runs in a unit with the cable, dongle or server it names.
-TEST(TestThreadNoNetwork, DongleAndCableFailOnlyTheCableCountsAndNoTransfer)
-{
-    const RunRecord run = runThread();
-    const QStringList expected = {
-        "ERREUR Dongle USB WIFI NON branché/configuré, veuillez vérifier !",
-        "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !",
-        "Démarrage du test ECRITURE/LECTURE NAND",
-        "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs",
-        "Test Lecture fichier de 256 lignes OK",
-        "Librairie VITRANOL installée OK",
-        kRelayStage,
-    };
-    EXPECT_EQ(run.lines.mid(4, expected.size()), expected);
-    EXPECT_EQ(run.lines.mid(run.lines.size() - 2),
-              QStringList({"ERREUR Aucun Modul MesureV1 ou V2 Détecté", kEndLine}));
-    // Counted: the cable (no wireless either) and the missing module; not the dongle.
-    EXPECT_EQ(run.errors, 2);
-    // Without a connection the measurement file is not kept.
-    EXPECT_FALSE(std::ifstream(kMeasureFile).good());
-}
-
-TEST(TestThreadWirelessOnly, CableErrorIsNotCountedAndTheServerIsTried)
-{
-    const RunRecord run = runThread();
-    const QStringList expected = {
-        "Dongle USB WIFI branché OK",
-        "Réseau WIFI configuré OK",
-        "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !",
-        "ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux",
-        "Démarrage du test ECRITURE/LECTURE NAND",
-    };
-    EXPECT_EQ(run.lines.mid(4, expected.size()), expected);
-    // Counted: the unreachable server only (this unit's module answers).
-    EXPECT_EQ(run.errors, 1);
-    EXPECT_FALSE(std::ifstream(kMeasureFile).good());
-}
-
-TEST(TestThreadServerDown, UnreachableServerCountsAndTheFileIsDropped)
-{
-    const RunRecord run = runThread();
-    EXPECT_EQ(linesBetween(run.lines, "Câble Réseau Ethernet branché/configuré OK", "Librairie VITRANOL installée OK"),
-              QStringList({"ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux",
-                           "Démarrage du test ECRITURE/LECTURE NAND",
-                           "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs",
-                           "Test Lecture fichier de 256 lignes OK"}));
-    EXPECT_EQ(run.errors, 1);
-    EXPECT_FALSE(std::ifstream(kMeasureFile).good());
-}
-
-TEST(TestThreadUploadRefused, FailedTransferIsPrintedNotCountedAndTheFileStays)
-{
-    const RunRecord run = runThread();
-    EXPECT_EQ(linesBetween(run.lines, "Test Lecture fichier de 256 lignes OK", "Librairie VITRANOL installée OK"),
-              QStringList({"Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
-                           "ERREUR transfert Fichier TOV_TEST.MSR sur WATCHTOWER"}));
-    EXPECT_EQ(run.errors, 0);
-    EXPECT_EQ(readText(kMeasureFile), run.measureFileWhenWritten);
-}
-
-// The reserve input goes active then idle again during the 40 seconds (gpio_reserve_script.txt).
-TEST(TestThreadRelays, ReserveInputDrivesTheRelays)
-{
-    const RunRecord run = runThread();
-    auto relays = [](const char* v) {
-        return QStringList({QString("GPIO TOR RESERVE= ") + v, QString("GPIO Relais ALARME NIVEAU BAS sur ") + v,
-                            QString("GPIO Relais ALARME INVERSEUR sur ") + v,
-                            QString("GPIO Relais ALIM BUS MODULES sur ") + v});
-    };
-    QStringList expected = {"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"};
-    expected << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << "GPIO TOR DIPSWITCH_SW2_2= 0" << relays("1")
-             << relays("0");
-    EXPECT_EQ(linesBetween(run.lines, kRelayStage, "Modul MesureV2 version:2.5 Détecté OK"), expected);
-    const std::string journal = readText("/run/tovsim/gpio.journal");
-    EXPECT_NE(journal.find("input 202 0\nvalue 136 1\nvalue 138 1\nvalue 135 1\n"), std::string::npos) << journal;
-    EXPECT_NE(journal.find("input 202 1\nvalue 136 0\nvalue 138 0\nvalue 135 0\n"), std::string::npos) << journal;
-    EXPECT_EQ(run.errors, 0);
-}
-
-// Module scenarios: each suite runs with the module it names on the bus.
-// The emulator's fields 00500,07410,06500,08000,12000: weight 500, temperatures n / 117 - 40,
-// 12000 uA on the default 0-30 range gives 15.
-TEST(TestThreadModuleV1, ValuesAreReportedAndV2IsNotTried)
-{
-    const RunRecord run = runThread();
-    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
-              QStringList({"Modul MesureV1 Détecté OK", "Poids= 500, PR= 15, T_SOR= 23.3333, T_ENT= 28.3761, T_EXT= 15.5556"}));
-    EXPECT_EQ(run.errors, 0);
-}
-
-TEST(TestThreadModuleV1Silent, ExchangeFailureCountsOnce)
-{
-    const RunRecord run = runThread();
-    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
-              QStringList({"Modul MesureV1 Détecté OK", "ERREUR RS485 Modul MesureV1"}));
-    EXPECT_EQ(run.errors, 1);
-}
-
-TEST(TestThreadModuleV2Faulty, FaultySensorsFourOfFiveCounted)
-{
-    const RunRecord run = runThread();
-    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
-              QStringList({"Modul MesureV2 version:2.5 Détecté OK",
-                           "Poids= -999, PR= 999, T_SOR= 999, T_ENT= 999, T_EXT= 999",
-                           "ERREUR Sonde PRESSION HP, veuillez vérifier!",
-                           "ERREUR Sonde PT100 SORTIE, veuillez vérifier!",
-                           "ERREUR Sonde PT100 ENTREE, veuillez vérifier!",
-                           "ERREUR Sonde PT100 EXTERIEURE, veuillez vérifier!",
-                           "ERREUR POIDS Jauge de Contrainte, veuillez vérifier!"}));
-    EXPECT_EQ(run.errors, 4);
-}
-
-// Fault scenarios: a peer goes away or a piece of the board is missing; the run goes to its end.
-
-// The server is killed while it takes the file: the failure is shown, not counted, and the
-// measurement file stays as it was written. An earlier, large file makes the transfer last long
-// enough to be cut: the file is appended to, and sent whole.
-TEST(TestThreadServerKilled, UploadCutIsShownNotCountedAndTheFileStays)
+// The server is killed while it takes the file: shown, not counted, and the file stays as written.
+// An earlier, large file makes the transfer last long enough to be cut.
+TEST(TestThread, ServerKilledDuringTheUpload)
 {
     std::string earlier;
     for (int i = 0; i < 200000; ++i)
         earlier += "earlier measurement line of the previous phase " + std::to_string(i) + "\n";
     writeText(kMeasureFile, earlier);
-    // As soon as the server opens the file it is receiving, every sshd of the unit is killed.
     const int status = system("sh -c 'while [ ! -e /run/tovsim/watchtower/TOV/tests_tov/tov_test.msr ];"
                               " do sleep 0.01; done; pkill -KILL -x sshd' >/dev/null 2>&1 &");
     ASSERT_EQ(status, 0);
     const RunRecord run = runThread();
-    EXPECT_EQ(run.endSignals, 1);
-    EXPECT_EQ(linesBetween(run.lines, "Test Lecture fichier de 256 lignes OK", "Librairie VITRANOL installée OK"),
+    EXPECT_EQ(linesBetween(run.lines, "Test Lecture fichier", "Librairie VITRANOL"),
               QStringList({"Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
                            "ERREUR transfert Fichier TOV_TEST.MSR sur WATCHTOWER"}));
     EXPECT_EQ(run.lines.value(run.lines.size() - 1), kEndLine);
     EXPECT_EQ(run.errors, 0);
-    const std::string local = readText(kMeasureFile);
-    EXPECT_EQ(local, run.measureFileWhenWritten);
-    EXPECT_EQ(local.rfind(earlier, 0), 0u);
-    EXPECT_LT(readText("/run/tovsim/watchtower/TOV/tests_tov/tov_test.msr").size(), local.size());
+    EXPECT_EQ(readText(kMeasureFile), run.measureFile);
+    EXPECT_EQ(run.measureFile.rfind(earlier, 0), 0u);
+    EXPECT_LT(readText(kServerCopy).size(), run.measureFile.size());
 }
 
-// The module is unplugged in the middle of its answers: the stage reports it and the run ends.
-TEST(TestThreadModuleV1Cut, ShortAnswerIsNoModule)
+// One row per unit of the same name in CMakeLists.txt: the lines between two others, the count,
+// and whether the measurement file is kept.
+struct Row {
+    const char* name;
+    QString after;
+    QString before;
+    QStringList lines;
+    int errors;
+    bool fileKept;
+};
+
+class Scenario : public testing::TestWithParam<Row> {
+};
+
+TEST_P(Scenario, Run)
 {
+    const Row& row = GetParam();
     const RunRecord run = runThread();
     EXPECT_EQ(run.endSignals, 1);
-    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
-              QStringList({"ERREUR Aucun Modul MesureV1 ou V2 Détecté"}));
-    EXPECT_EQ(run.errors, 1);
+    EXPECT_EQ(linesBetween(run.lines, row.after, row.before), row.lines);
+    EXPECT_EQ(run.errors, row.errors);
+    EXPECT_EQ(std::ifstream(kMeasureFile).good(), row.fileKept);
 }
 
-TEST(TestThreadModuleV2Cut, ShortAnswerIsNoModule)
+const QString kDate = QStringLiteral("Date/Heure du TOV: ");
+const QString kLastInput = QStringLiteral("GPIO TOR DIPSWITCH_SW2_2= 0");
+const QString kV2 = QStringLiteral("Modul MesureV2 version:2.5 Détecté OK");
+const QStringList kNand = {"Démarrage du test ECRITURE/LECTURE NAND",
+                           "Test écriture fichier TOV_TEST.MSR de 256 lignes contenant 256 valeurs",
+                           "Test Lecture fichier de 256 lignes OK"};
+const QString kNoModule = QStringLiteral("ERREUR Aucun Modul MesureV1 ou V2 Détecté");
+
+QStringList relays(const QString& v)
 {
-    const RunRecord run = runThread();
-    EXPECT_EQ(run.endSignals, 1);
-    EXPECT_EQ(linesBetween(run.lines, "GPIO TOR DIPSWITCH_SW2_2= 0", kEndLine),
-              QStringList({"ERREUR Aucun Modul MesureV1 ou V2 Détecté"}));
-    EXPECT_EQ(run.errors, 1);
+    return {"GPIO TOR RESERVE= " + v, "GPIO Relais ALARME NIVEAU BAS sur " + v,
+            "GPIO Relais ALARME INVERSEUR sur " + v, "GPIO Relais ALIM BUS MODULES sur " + v};
 }
 
-// Without sysfs GPIO every pin reads -1, the value the loop starts from: no input line, no relay
-// line, the 40 seconds still pass and nothing is counted.
-TEST(TestThreadNoGpio, RelayStageShowsNothingAndTheRunGoesOn)
+// The V2 module with one faulty sensor: its values, then that sensor's line.
+QStringList v2Sensor(const char* values, const char* sensor)
 {
-    const RunRecord run = runThread();
-    EXPECT_EQ(run.endSignals, 1);
-    EXPECT_EQ(linesBetween(run.lines, kRelayStage, "Modul MesureV2 version:2.5 Détecté OK"), QStringList());
-    EXPECT_EQ(run.lines.value(run.lines.size() - 1), kEndLine);
-    EXPECT_EQ(run.errors, 0);
+    return {kV2, QString("Poids= %1").arg(values), QString::fromUtf8(sensor) + ", veuillez vérifier!"};
 }
 
-// Without /ramdisk the command captures come back empty: the kernel line has no release, the
-// Ethernet line the unknown revision, and the run goes on.
-TEST(TestThreadNoRamdisk, CapturesReadEmpty)
-{
-    const RunRecord run = runThread();
-    EXPECT_EQ(run.endSignals, 1);
-    EXPECT_EQ(run.lines.value(0), "Kernel Version: ");
-    EXPECT_EQ(run.lines.value(1), "Composant ETHERNET: DM9000-X");
-    EXPECT_EQ(run.lines.value(run.lines.size() - 1), kEndLine);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Thread, Scenario,
+    testing::Values(
+        Row{"NoNetwork", kDate, kRelayStage,
+            QStringList({"ERREUR Dongle USB WIFI NON branché/configuré, veuillez vérifier !",
+                         "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !"})
+                << kNand << "Librairie VITRANOL installée OK",
+            1, false},
+        Row{"WirelessOnly", kDate, "Démarrage du test",
+            {"Dongle USB WIFI branché OK", "Réseau WIFI configuré OK",
+             "ERREUR Câble Réseau Ethernet NON branché/configuré, veuillez vérifier !",
+             "ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux"}, 1, false},
+        Row{"ServerDown", "Câble Réseau Ethernet branché", "Librairie VITRANOL",
+            QStringList("ERREUR Aucunne Connection vers WATCHTOWER, plus de tests réseaux") << kNand, 1, false},
+        Row{"UploadRefused", "Test Lecture fichier", "Librairie VITRANOL",
+            {"Connection vers WATCHTOWER OK, Test TRANSFERT WATCHTOWER ...",
+             "ERREUR transfert Fichier TOV_TEST.MSR sur WATCHTOWER"}, 0, true},
+        Row{"Used44", "Composant ETHERNET", kDate,
+            {"Espace de Stockage (libre/total): 84Mo/128Mo", "ERREUR Espace de Stockage NAND Inutilisable"}, 1, true},
+        Row{"Used45", "Composant ETHERNET", kDate, {"Espace de Stockage (libre/total): 83Mo/128Mo"}, 0, true},
+        Row{"NoLibrary", "Fichier TOV_TEST.MSR transféré", kRelayStage, {"ERREUR librairie VITRANOL pas installée"}, 1,
+            true},
+        // Without /ramdisk the command captures read empty.
+        Row{"NoRamdisk", "", "Espace de Stockage", {"Kernel Version: ", "Composant ETHERNET: DM9000-X"}, 0, true},
+        // Without sysfs GPIO every pin reads -1, the value the loop starts from: no line at all.
+        Row{"NoGpio", kRelayStage, kV2, {}, 0, true},
+        // RESERVE goes active then idle again during the 40 s (reserve_toggle.txt).
+        Row{"Relays", kRelayStage, kV2,
+            QStringList({"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"})
+                << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << kLastInput << relays("1") << relays("0"),
+            0, true},
+        // The V1 emulator's fields 00500,07410,06500,08000,12000: weight 500, temperatures n / 117 - 40,
+        // 12000 uA on the default 0-30 range gives 15.
+        Row{"ModuleV1", kLastInput, kEndLine,
+            {"Modul MesureV1 Détecté OK", "Poids= 500, PR= 15, T_SOR= 23.3333, T_ENT= 28.3761, T_EXT= 15.5556"}, 0,
+            true},
+        Row{"ModuleV1Silent", kLastInput, kEndLine, {"Modul MesureV1 Détecté OK", "ERREUR RS485 Modul MesureV1"}, 1,
+            true},
+        Row{"ModuleV1Cut", kLastInput, kEndLine, {kNoModule}, 1, true},
+        Row{"ModuleV2Cut", kLastInput, kEndLine, {kNoModule}, 1, true},
+        Row{"ModuleV2Faulty", kLastInput, kEndLine,
+            {kV2, "Poids= -999, PR= 999, T_SOR= 999, T_ENT= 999, T_EXT= 999",
+             "ERREUR Sonde PRESSION HP, veuillez vérifier!", "ERREUR Sonde PT100 SORTIE, veuillez vérifier!",
+             "ERREUR Sonde PT100 ENTREE, veuillez vérifier!", "ERREUR Sonde PT100 EXTERIEURE, veuillez vérifier!",
+             "ERREUR POIDS Jauge de Contrainte, veuillez vérifier!"}, 4, true},
+        // One faulty sensor per unit: exactly its line, and only the high-pressure one goes uncounted.
+        Row{"V2Pressure", kLastInput, kEndLine,
+            v2Sensor("125.5, PR= 999, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5", "ERREUR Sonde PRESSION HP"), 0, true},
+        Row{"V2Outlet", kLastInput, kEndLine,
+            v2Sensor("125.5, PR= 12.25, T_SOR= 999, T_ENT= 21.5, T_EXT= 8.5", "ERREUR Sonde PT100 SORTIE"), 1, true},
+        Row{"V2Inlet", kLastInput, kEndLine,
+            v2Sensor("125.5, PR= 12.25, T_SOR= 35.75, T_ENT= 999, T_EXT= 8.5", "ERREUR Sonde PT100 ENTREE"), 1, true},
+        Row{"V2Outside", kLastInput, kEndLine,
+            v2Sensor("125.5, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 999", "ERREUR Sonde PT100 EXTERIEURE"), 1,
+            true},
+        Row{"V2Weight", kLastInput, kEndLine,
+            v2Sensor("-999, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5", "ERREUR POIDS Jauge de Contrainte"), 1,
+            true}),
+    [](const testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
