@@ -17,7 +17,8 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <map>
+#include <algorithm>
+#include <vector>
 
 using tovtest::readText;
 using tovtest::unitJournal;
@@ -32,12 +33,17 @@ const QString kHead = "# interfaces(5) file used by ifup(8) and ifdown(8)\n"
                       "iface lo inet loopback\n"
                       "\n";
 
-// What the operator reads, in reading order: the text of each visible label, button and check
-// box; a combo's items with the chosen one starred; an edit's text in brackets, with "-" after it
-// when greyed out.
+// What the operator reads, in reading order (rows top to bottom, each left to right; widgets whose
+// middles are a few pixels apart share a row, as Qt versions lay them out a pixel or two apart):
+// the text of each visible label, button and check box; a combo's items with the chosen one
+// starred; an edit's text in brackets, with "-" after it when greyed out.
 QStringList screen(QWidget& form)
 {
-    std::map<std::pair<int, int>, QString> seen; // by the widget's middle height, then left side
+    struct Seen {
+        int middle, left;
+        QString text;
+    };
+    std::vector<Seen> seen;
     for (QWidget* w : form.findChildren<QWidget*>()) {
         QString text;
         if (auto* label = qobject_cast<QLabel*>(w))
@@ -53,11 +59,17 @@ QStringList screen(QWidget& form)
             continue;
         const QPoint at = w->mapTo(&form, QPoint(0, 0));
         if (w->isVisibleTo(&form))
-            seen[{at.y() + w->height() / 2, at.x()}] = text;
+            seen.push_back({at.y() + w->height() / 2, at.x(), text});
+    }
+    std::sort(seen.begin(), seen.end(), [](const Seen& a, const Seen& b) { return a.middle < b.middle; });
+    for (size_t row = 0, next; row < seen.size(); row = next) {
+        for (next = row + 1; next < seen.size() && seen[next].middle - seen[row].middle <= 6; ++next) {
+        }
+        std::sort(seen.begin() + row, seen.begin() + next, [](const Seen& a, const Seen& b) { return a.left < b.left; });
     }
     QStringList texts;
-    for (const auto& entry : seen)
-        texts << entry.second;
+    for (const Seen& entry : seen)
+        texts << entry.text;
     return texts;
 }
 
