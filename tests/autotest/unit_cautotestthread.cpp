@@ -18,10 +18,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <ostream>
 #include <string>
+#include <thread>
 
 // Lines show as text in failure messages.
 void PrintTo(const QString& text, std::ostream* out)
@@ -81,15 +83,23 @@ RunRecord runThread(bool resetWhileRunning = false)
         ++run.endSignals;
         run.endDelayMs = clock.elapsed() - endLineAt;
     });
+    // The relay stage ends when its first pin is released: watched beside the run. The run itself
+    // is awaited without a time limit: the unit's clock library takes over timed condition waits,
+    // and ThreadSanitizer would no longer see the run end before the test reads its record.
+    std::atomic<bool> ended{false};
+    std::thread watcher([&] {
+        while (!ended && run.relayStageMs < 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            if (relayStageAt >= 0 && tovtest::gpioJournal().find("unexport") != std::string::npos)
+                run.relayStageMs = clock.elapsed() - relayStageAt;
+        }
+    });
     thread.start();
     if (resetWhileRunning)
         thread.OnResetState(true);
-    // The relay stage ends when its first pin is released: watched from here as the run goes on.
-    while (!thread.wait(20)) {
-        if (relayStageAt >= 0 && run.relayStageMs < 0 &&
-            tovtest::gpioJournal().find("unexport") != std::string::npos)
-            run.relayStageMs = clock.elapsed() - relayStageAt;
-    }
+    thread.wait();
+    ended = true;
+    watcher.join();
     return run;
 }
 
