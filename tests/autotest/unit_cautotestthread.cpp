@@ -63,12 +63,12 @@ RunRecord runThread(bool resetWhileRunning = false)
     RunRecord run;
     QElapsedTimer clock;
     clock.start();
-    std::atomic<qint64> relayStageAt{-1};
+    std::atomic<int> relayStageAt{-1}; // ms; an int, lock-free on every board (ARMv5 has no 64-bit atomics)
     qint64 endLineAt = -1;
     // Direct connections: the slots run in the worker, at the moment of each emission.
     QObject::connect(&thread, &cAutoTestThread::sig_ThreadUpdText, [&](const QString& line) {
         if (line == kRelayStage)
-            relayStageAt = clock.elapsed();
+            relayStageAt = static_cast<int>(clock.elapsed());
         if (line == kEndLine)
             endLineAt = clock.elapsed();
         if (line.startsWith(QStringLiteral("Test écriture fichier")))
