@@ -37,6 +37,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 static const char kDevice[] = "/dev/rs485_Ctrl";
@@ -57,6 +58,16 @@ static int writeAll(int fd, const char* data, size_t length)
         length -= (size_t)written;
     }
     return 0;
+}
+
+/* A serial port would echo the acknowledgements back and turn "\n" into "\r\n". */
+static void makeRaw(int fd)
+{
+    struct termios mode;
+    if (tcgetattr(fd, &mode) != 0)
+        return;
+    cfmakeraw(&mode);
+    tcsetattr(fd, TCSANOW, &mode);
 }
 
 static void awaitAck(void)
@@ -154,6 +165,7 @@ static int serve(int argc, char** argv)
                 fprintf(stderr, "rs485cuse: cannot open the port %s: %s\n", argv[i], strerror(errno));
                 return 1;
             }
+            makeRaw(portFd);
         } else if (strcmp(argv[i], "--ack") == 0) {
             portAck = 1;
         } else if (strcmp(argv[i], "--debug") == 0) {
