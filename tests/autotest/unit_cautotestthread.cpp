@@ -4,6 +4,7 @@
 // times speed the bounds below leave a loaded machine a second or two.
 #include "autotest/cautotestthread.h"
 
+#include "boardpins.h"
 #include "gpiosim.h"
 #include "testfiles.h"
 
@@ -302,11 +303,6 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"NoRamdisk", "", "Espace de Stockage", {"Kernel Version: ", "Composant ETHERNET: DM9000-X"}, 0, true},
         // Without sysfs GPIO every pin reads -1, the value the loop starts from: no line at all.
         Row{"NoGpio", kRelayStage, kV2, {}, 0, true},
-        // RESERVE goes active then idle again during the 40 s (reserve_toggle.txt).
-        Row{"Relays", kRelayStage, kV2,
-            QStringList({"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"})
-                << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << kLastInput << relays("1") << relays("0"),
-            0, true},
         // The V1 emulator's fields 00500,07410,06500,08000,12000: weight 500, temperatures n / 117 - 40,
         // 12000 uA on the default 0-30 range gives 15.
         Row{"ModuleV1", kLastInput, kEndLine,
@@ -335,3 +331,32 @@ INSTANTIATE_TEST_SUITE_P(
             v2Sensor("-999, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5", "ERREUR POIDS Jauge de Contrainte"), 1,
             true}),
     [](const testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
+
+// pins_one_by_one.txt: each input goes active then idle on its own. Its line shows each change, and
+// RESERVE's drives the three relays, as their value files show in the emulator's journal: written
+// idle on the first pass, active while RESERVE is, idle again after.
+TEST(ThreadPins, EachInputOnItsOwnAndTheRelaysFollowReserve)
+{
+    const RunRecord run = runThread();
+    QStringList lines = QStringList({"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"})
+                        << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << kLastInput;
+    const auto driven = [](int v) {
+        return "value 136 " + std::to_string(v) + "\nvalue 138 " + std::to_string(v) + "\nvalue 135 " +
+               std::to_string(v) + "\n";
+    };
+    std::string journal = tovtest::boardBuiltJournal() + driven(0);
+    for (const tovtest::BoardPin& input : tovtest::kBoardPins) {
+        for (int v = 1; !input.relay && v >= 0; --v) {
+            journal += "input " + std::to_string(input.pin) + " " + std::to_string(1 - v) + "\n";
+            if (input.pin == 202) {
+                lines << relays(QString::number(v));
+                journal += driven(v);
+            } else {
+                lines << QString("GPIO TOR %1= %2").arg(input.role).arg(v);
+            }
+        }
+    }
+    EXPECT_EQ(linesBetween(run.lines, kRelayStage, kV2), lines);
+    EXPECT_EQ(tovtest::gpioJournal(), journal + tovtest::boardReleasedJournal());
+    EXPECT_EQ(run.errors, 0);
+}
