@@ -22,6 +22,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -52,7 +53,8 @@ struct RunRecord {
     qint64 endDelayMs = -1;    // from the end line to the end signal
 };
 
-RunRecord runThread(bool resetWhileRunning = false)
+// onLine, when given, sees each line as it is emitted, in the worker, before the run goes on.
+RunRecord runThread(bool resetWhileRunning = false, const std::function<void(const QString&)>& onLine = nullptr)
 {
     int argc = 1;
     char name[] = "unit_cautotestthread";
@@ -78,6 +80,8 @@ RunRecord runThread(bool resetWhileRunning = false)
         if (moduleLine && run.pinsAtModule.empty())
             run.pinsAtModule = readText("/run/tovsim/gpio/state");
         run.lines << line;
+        if (onLine)
+            onLine(line);
     });
     QObject::connect(&thread, &cAutoTestThread::sig_ThreadEnd, [&](int errors) {
         run.errors = errors;
@@ -332,12 +336,12 @@ INSTANTIATE_TEST_SUITE_P(
             true}),
     [](const testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
 
-// pins_one_by_one.txt: each input goes active then idle on its own. Its line shows each change, and
-// RESERVE's drives the three relays, as their value files show in the emulator's journal: written
-// idle on the first pass, active while RESERVE is, idle again after.
-TEST(ThreadPins, EachInputOnItsOwnAndTheRelaysFollowReserve)
+// Each input goes active then idle on its own, the next change made once the bench has shown the
+// last one, RESERVE's once the relays have followed it: each line shows its own input, and the
+// emulator's journal shows the three relays' value files written idle on the first pass, active
+// while RESERVE is, idle again after.
+TEST(TestThread, EachInputOnItsOwnAndTheRelaysFollowReserve)
 {
-    const RunRecord run = runThread();
     QStringList lines = QStringList({"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"})
                         << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << kLastInput;
     const auto driven = [](int v) {
@@ -345,8 +349,12 @@ TEST(ThreadPins, EachInputOnItsOwnAndTheRelaysFollowReserve)
                std::to_string(v) + "\n";
     };
     std::string journal = tovtest::boardBuiltJournal() + driven(0);
+    std::vector<std::pair<int, int>> changes; // (pin, level), made in turn
+    std::vector<QString> madeAfter;           // the line after which each change is made
     for (const tovtest::BoardPin& input : tovtest::kBoardPins) {
         for (int v = 1; !input.relay && v >= 0; --v) {
+            madeAfter.push_back(lines.last());
+            changes.emplace_back(input.pin, 1 - v);
             journal += "input " + std::to_string(input.pin) + " " + std::to_string(1 - v) + "\n";
             if (input.pin == 202) {
                 lines << relays(QString::number(v));
@@ -356,6 +364,15 @@ TEST(ThreadPins, EachInputOnItsOwnAndTheRelaysFollowReserve)
             }
         }
     }
+    size_t made = 0;
+    bool stage = false;
+    const RunRecord run = runThread(false, [&](const QString& line) {
+        stage = stage || line == kRelayStage;
+        if (stage && made < changes.size() && line == madeAfter[made]) {
+            tovtest::setGpioLevel(changes[made].first, changes[made].second);
+            ++made;
+        }
+    });
     EXPECT_EQ(linesBetween(run.lines, kRelayStage, kV2), lines);
     EXPECT_EQ(tovtest::gpioJournal(), journal + tovtest::boardReleasedJournal());
     EXPECT_EQ(run.errors, 0);
