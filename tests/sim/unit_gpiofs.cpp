@@ -1,4 +1,4 @@
-// The simulated unit's /sys/class/gpio (sim/gpiofs) against the kernel's rules the bench relies on,
+// The simulated unit's /sys/class/gpio (sim/devices/gpiofs) against the kernel's rules the bench relies on,
 // through plain system calls, each case in a fresh unit.
 #include "gpiosim.h"
 #include "testfiles.h"
