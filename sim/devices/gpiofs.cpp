@@ -538,7 +538,9 @@ void runScript()
         const Clock::time_point base = change.afterFirstExport ? g.firstExport : g.started;
         const auto when = base + std::chrono::duration_cast<Clock::duration>(
                                      std::chrono::duration<double>(change.seconds));
-        g.wake.wait_until(lock, when, [] { return g.stopping; });
+        // The changes of one line apply together: a reader never sees one of them without the others.
+        if (Clock::now() < when)
+            g.wake.wait_until(lock, when, [] { return g.stopping; });
         if (g.stopping)
             return;
         setInputLevel(change.pin, change.level);
