@@ -51,6 +51,9 @@ status=0
 [[ $status -eq 0 ]] || fail "status $status; the bench said: $(tail -n 20 "$factory/bench.log" 2>/dev/null)"
 phase=$(cat "$factory/phase")
 [[ $phase == $'2\n0\n192.0.2.10' ]] || fail "the phase file after the run: $(printf '%q' "$phase")"
+# The root has no touch panel: the bench says so and runs on.
+grep -qxF "[TouchPanel] no touch panel at /dev/input/event0 (No such file or directory): the bench runs without touch" \
+    "$factory/bench.log" || fail "no line about the missing touch panel in bench.log"
 # The phase file moves on and the reboot is asked for only when no stage counted an error: the
 # upload reached WATCHTOWER, the relays and inputs answered, the V2 module was found.
 echo "foreign_phase: the bundled bench ran a whole phase without an error in a busybox root" \
