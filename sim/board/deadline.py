@@ -1,0 +1,21 @@
+"""Deadline: a time limit in this machine's seconds, scaled for slow machines.
+
+Every wait of the board's harness is one of these; TOV_BOARD_TIME_SCALE (default 1) multiplies
+them all, so that a loaded machine gets more time without any wait being edited.
+"""
+import os
+import time
+
+SCALE = float(os.environ.get("TOV_BOARD_TIME_SCALE", "1"))
+
+
+class Deadline:
+    def __init__(self, seconds):
+        self.seconds = seconds * SCALE
+        self.end = time.monotonic() + self.seconds
+
+    def remaining(self):
+        return max(0.0, self.end - time.monotonic())
+
+    def expired(self):
+        return time.monotonic() >= self.end

@@ -1,0 +1,113 @@
+"""Machine: the emulated TOV board, one QEMU process, and what the harness does to it.
+
+The board is an ARMv7 virt machine running Debian's armhf kernel with the board's initramfs as
+its root, the NAND as an ext4 virtio disk, the screen as virtio-gpu (/dev/fb0), the touch panel
+as a virtio tablet, eth0 and wlan0 as virtio NICs on taps, and the RS-485 port as a 16550 UART
+whose host end is a tty. The serial console and QMP are unix sockets in the run's folder.
+"""
+import os
+import re
+import subprocess
+
+from console import Console
+from deadline import Deadline
+from qmp import Qmp
+
+STARTED = rb"board: started"
+CONSOLE_READY = rb"board: console ready\r?\n"
+# The tablet's axes run over 0..32767 whatever the screen's size.
+TABLET_MAX = 32767
+SCREEN_W, SCREEN_H = 640, 480
+
+
+class Machine:
+    def __init__(self, kernel, initrd, disk, folder, uart, taps, append=""):
+        self.folder = folder
+        self.qmp_path = os.path.join(folder, "qmp.sock")
+        self.console_path = os.path.join(folder, "console.sock")
+        self.command = [
+            "nice", "-n", "5", "qemu-system-arm",
+            "-M", "virt,highmem=off", "-cpu", "cortex-a15", "-smp", "1", "-m", "128",
+            "-kernel", kernel, "-initrd", initrd,
+            "-append", f"console=ttyAMA0 rdinit=/init {append}".strip(),
+            "-display", "none", "-monitor", "none", "-nodefaults",
+            "-chardev", f"socket,id=console,path={self.console_path},server=on,wait=off",
+            "-serial", "chardev:console",
+            "-qmp", f"unix:{self.qmp_path},server=on,wait=off",
+            "-drive", f"file={disk},if=none,format=raw,id=nand,cache=writeback",
+            "-device", "virtio-blk-pci,drive=nand",
+            "-device", f"virtio-gpu-pci,id=gpu0,xres={SCREEN_W},yres={SCREEN_H}",
+            "-device", "virtio-tablet-pci,id=touch",
+            "-chardev", f"serial,id=rs485,path={uart}",
+            "-device", "pci-serial,chardev=rs485",
+            "-netdev", f"tap,id=eth0,ifname={taps[0]},script=no,downscript=no",
+            "-device", "virtio-net-pci,netdev=eth0,mac=52:54:00:70:00:01,romfile=",
+            "-netdev", f"tap,id=wlan0,ifname={taps[1]},script=no,downscript=no",
+            "-device", "virtio-net-pci,netdev=wlan0,mac=52:54:00:70:00:02,romfile=",
+        ]
+        self.process = None
+        self.qmp = None
+        self.console = None
+
+    def start(self):
+        with open(os.path.join(self.folder, "qemu.cmdline"), "w") as f:
+            f.write(" ".join(self.command) + "\n")
+        self.qemu_log = open(os.path.join(self.folder, "qemu.log"), "wb")
+        self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL,
+                                        stdout=self.qemu_log, stderr=subprocess.STDOUT)
+        deadline = Deadline(30)
+        self.console = Console(self.console_path, os.path.join(self.folder, "console.log"), deadline)
+        self.qmp = Qmp(self.qmp_path, deadline)
+
+    def alive(self):
+        return self.process is not None and self.process.poll() is None
+
+    def boots(self):
+        """How many boots reached the end of the board's start so far."""
+        return self.console.count(STARTED)
+
+    def wait_boot(self, seconds=120):
+        """Waits for the next boot's shell; returns the number of boots so far."""
+        self.console.wait(STARTED, Deadline(seconds))
+        self.console.wait(CONSOLE_READY, Deadline(30))
+        return self.boots()
+
+    def run(self, command, seconds=60, check=True):
+        return self.console.run(command, Deadline(seconds), check)
+
+    def read(self, path, seconds=30):
+        return self.run(f"cat {path}", seconds)[1]
+
+    # --- screen and touch --------------------------------------------------------------------
+
+    def screendump(self, path):
+        """The screen as QEMU shows it, in PPM."""
+        self.qmp.execute("screendump", {"filename": path})
+        return path
+
+    def tap_events(self, x, y, down):
+        events = [
+            {"type": "abs", "data": {"axis": "x", "value": x * TABLET_MAX // (SCREEN_W - 1)}},
+            {"type": "abs", "data": {"axis": "y", "value": y * TABLET_MAX // (SCREEN_H - 1)}},
+        ]
+        if down is not None:
+            events.append({"type": "btn", "data": {"down": down, "button": "left"}})
+        self.qmp.execute("input-send-event", {"events": events})
+
+    # --- network -----------------------------------------------------------------------------
+
+    def set_link(self, name, up):
+        self.qmp.execute("set_link", {"name": name, "up": up})
+
+    def stop(self):
+        if self.qmp is not None:
+            try:
+                self.qmp.execute("quit", seconds=5)
+            except Exception:
+                pass
+        if self.process is not None:
+            try:
+                self.process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()

@@ -1,0 +1,136 @@
+#!/usr/bin/python3
+"""The board's harness, run inside a simulated unit (sim/tovsim exec) by sim/board/board.
+
+The unit gives the board its peers: WATCHTOWER's real sshd on the server side of the unit's
+network, the module emulator at the unit's /dev/ttySAC1 (a pty), and namespaces that keep every
+packet inside. Here the unit's eth0 is bridged to the board's tap, a DHCP server answers on the
+server side, QEMU boots the board, and the steps asked for run; everything lands in --out.
+
+    run.py --out DIR --kernel FILE --initrd FILE --disk FILE [--manual] [--steps first-screen]
+           [--run COMMAND]...
+"""
+import argparse
+import os
+import subprocess
+import sys
+import time
+
+from console import ConsoleError
+from deadline import Deadline
+from machine import Machine
+from picture import Picture
+
+SERVER_ADDR = "192.0.2.10"
+BOARD_ADDR = "192.0.2.2"
+TAPS = ("tap-eth0", "tap-wlan0")
+
+
+def sh(*command):
+    subprocess.run(command, check=True)
+
+
+def server_ns():
+    with open("/run/tovsim/server.pid") as f:
+        return f"/proc/{f.read().strip()}/ns/net"
+
+
+def setup_network(out):
+    """The unit's eth0 (whose far end is WATCHTOWER's side) and the board's eth0 tap on one bridge;
+    wlan0's tap stays alone, a dongle with no access point in reach."""
+    os.makedirs("/dev/net", exist_ok=True)
+    if not os.path.exists("/dev/net/tun"):
+        sh("mknod", "/dev/net/tun", "c", "10", "200")
+    sh("ip", "addr", "flush", "dev", "eth0")
+    sh("ip", "link", "add", "br0", "type", "bridge")
+    sh("ip", "link", "set", "eth0", "master", "br0")
+    for tap in TAPS:
+        sh("ip", "tuntap", "add", tap, "mode", "tap")
+    sh("ip", "link", "set", TAPS[0], "master", "br0")
+    for link in ("br0", *TAPS):
+        sh("ip", "link", "set", link, "up")
+    config = os.path.join(out, "udhcpd.conf")
+    with open(config, "w") as f:
+        f.write(f"start {BOARD_ADDR}\nend {BOARD_ADDR}\ninterface srv0\n"
+                f"lease_file {out}/udhcpd.leases\npidfile {out}/udhcpd.pid\n"
+                f"option subnet 255.255.255.0\noption router {SERVER_ADDR}\noption lease 3600\n")
+    open(os.path.join(out, "udhcpd.leases"), "w").close()
+    # The unit's own peers leave with it: the DHCP server ends with the server side.
+    subprocess.Popen(["nsenter", f"--net={server_ns()}", "--", "busybox", "udhcpd", "-f", config],
+                     stdin=subprocess.DEVNULL, stdout=open(os.path.join(out, "udhcpd.log"), "wb"),
+                     stderr=subprocess.STDOUT)
+
+
+# What the board's devices look like from inside, kept with each run.
+DEVICES = ("ls -l /dev/fb0 /dev/input/ /dev/ttyS0 /dev/ttySAC1 /dev/rs485_Ctrl /dev/vda; "
+           "ls /sys/class/net /sys/class/gpio; ip addr; ip route; df -k /home /etc/network; "
+           "cat /proc/cmdline; dmesg | grep -i dm9000")
+
+
+def bench_running(board):
+    status, _ = board.run("ps | grep -q '[t]ov_test'", check=False)
+    return status == 0
+
+
+def wait_for_screen(board, out, name, seconds=240):
+    """Waits until the bench's window is on the framebuffer and holds still; keeps it as NAME.png.
+    Until the guest sets a mode, QEMU shows its own two-colour placeholder."""
+    deadline = Deadline(seconds)
+    previous = None
+    path = os.path.join(out, f"{name}.ppm")
+    while not deadline.expired():
+        picture = Picture(board.screendump(path))
+        if picture.colours() > 16 and previous is not None and picture.same_as(previous):
+            picture.save_png(os.path.join(out, f"{name}.png"))
+            os.remove(path)
+            return picture
+        previous = picture
+        if not bench_running(board):
+            raise ConsoleError("the bench is not running: " + board.read("/run/board/bench.log"))
+        time.sleep(1)
+    raise ConsoleError(f"no steady picture of the bench within {deadline.seconds:.0f} s")
+
+
+def first_screen(board, out):
+    boots = board.wait_boot()
+    print(f"board: boot {boots}: {board.run('uname -r')[1].strip()}, "
+          f"starter runs '{board.run('sed -n s/^TOV_BIN_NAME=//p /home/TOV/tov_starter')[1].strip()}'")
+    wait_for_screen(board, out, f"boot{boots}-form")
+    with open(os.path.join(out, f"boot{boots}-devices.txt"), "w") as f:
+        f.write(board.run(DEVICES, check=False)[1])
+    print(f"board: the bench's first page is on the screen: {out}/boot{boots}-form.png")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--out", required=True)
+    parser.add_argument("--kernel", required=True)
+    parser.add_argument("--initrd", required=True)
+    parser.add_argument("--disk", required=True)
+    parser.add_argument("--manual", action="store_true")
+    parser.add_argument("--steps", default="first-screen")
+    parser.add_argument("--run", action="append", default=[])
+    args = parser.parse_args()
+    out = args.out
+    setup_network(out)
+    board = Machine(args.kernel, args.initrd, args.disk, out, "/dev/ttySAC1", TAPS)
+    status = 0
+    try:
+        board.start()
+        first_screen(board, out)
+        for command in args.run:
+            status, output = board.run(command, check=False)
+            print(f"board$ {command}\n{output}board: status {status}")
+        for path in ("/run/board/bench.log", "/run/board/modules.err"):
+            _, text = board.run(f"cat {path}", check=False)
+            with open(os.path.join(out, os.path.basename(path)), "w") as f:
+                f.write(text)
+    except Exception as error:  # the run's folder says what happened
+        print(f"board: FAILED: {error}\nboard: logs in {out} (console.log, qemu.log)", file=sys.stderr)
+        status = 1
+    finally:
+        board.stop()
+    return status
+
+
+if __name__ == "__main__":
+    sys.exit(main())
