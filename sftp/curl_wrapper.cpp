@@ -59,7 +59,7 @@ void Curl_Wrapper::closeCurl_Wrapper()
         m_lib.global_cleanup();
 }
 
-Curl_Wrapper::Handle Curl_Wrapper::open(std::initializer_list<const std::string*> mandatory)
+Curl_Wrapper::Handle Curl_Wrapper::open(std::initializer_list<const std::string*> mandatory, bool reportRefusal)
 {
     Handle none(nullptr, m_lib.easy_cleanup);
     for (const std::string* argument : mandatory)
@@ -69,8 +69,16 @@ Curl_Wrapper::Handle Curl_Wrapper::open(std::initializer_list<const std::string*
         return none;
     m_lib.global_init(CURL_GLOBAL_ALL);
     Handle handle(m_lib.easy_init(), m_lib.easy_cleanup);
-    if (handle && !m_hostKeySha256.empty())
-        m_lib.easy_setopt(handle.get(), CURLOPT_SSH_HOST_PUBLIC_KEY_SHA256, m_hostKeySha256.c_str());
+    if (!handle || m_hostKeySha256.empty())
+        return handle;
+    // A libcurl that cannot check the pin (older than 7.80, or another SSH backend) refuses it; going
+    // on without it would hand the password to whoever answers at the address.
+    const CURLcode code = m_lib.easy_setopt(handle.get(), CURLOPT_SSH_HOST_PUBLIC_KEY_SHA256, m_hostKeySha256.c_str());
+    if (code != CURLE_OK) {
+        if (reportRefusal)
+            printf("curl: error: %s\n", m_lib.easy_strerror(code));
+        return none;
+    }
     return handle;
 }
 
@@ -355,7 +363,7 @@ bool Curl_Wrapper::ListDir(const std::string& url, const std::string& user, cons
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<std::string> names; // outlives the handle that writes into it
-    const Handle handle = open({&url});
+    const Handle handle = open({&url}, false); // a failed listing prints nothing
     if (!handle)
         return false;
     CURL* const curl = handle.get();

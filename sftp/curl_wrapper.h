@@ -31,7 +31,7 @@ public:
     Curl_Wrapper();
     // hostKeySha256: the SHA-256 of the server's host key, in base64 as "ssh-keygen -l" prints it
     // after "SHA256:"; a server showing another key fails every operation before the password is
-    // sent. Empty: any host key is taken.
+    // sent, and so does a libcurl that cannot check it. Empty: any host key is taken.
     explicit Curl_Wrapper(std::string hostKeySha256);
     virtual ~Curl_Wrapper();
 
@@ -72,9 +72,10 @@ private:
     using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 
     // The start every operation shares: null when one of the mandatory arguments is empty (libcurl
-    // is then left alone) or when no handle could be made; otherwise a new easy handle, the
-    // library's global state set up first as every operation has always done.
-    Handle open(std::initializer_list<const std::string*> mandatory);
+    // is then left alone), when no handle could be made, or when libcurl refuses the host-key pin
+    // (said as a failed transfer says it, unless reportRefusal is false); otherwise a new easy
+    // handle, the library's global state set up first as every operation has always done.
+    Handle open(std::initializer_list<const std::string*> mandatory, bool reportRefusal = true);
     // One list entry per command; null when there is no command or the list could not be made.
     CommandList commandList(const std::vector<std::string>& commands);
     void setProgress(CURL* curl, long noProgress);

@@ -35,8 +35,8 @@ void syncFolder(const std::string& folder)
 }
 
 // The file a chain of symbolic links ends at, so that a link is written through as the truncating
-// open always did, instead of being replaced by a regular file. A loop is returned as it stands:
-// opening it then fails, as it did before.
+// open always did, instead of being replaced by a regular file. A loop is returned as it stands,
+// still a link: stat() then fails with ELOOP and the caller must not replace it.
 std::string linkTarget(const std::string& path)
 {
     std::string current = path;
@@ -100,40 +100,59 @@ int createTemporary(const std::string& target, std::string& temp)
     return -1;
 }
 
-// Replaces the file so that a power cut at any instant leaves either the old content or the new,
-// whole: the text goes to a temporary file beside it, which is given the old file's owner and
-// mode, flushed, and renamed over it; then the folder is flushed, so that the rename is stored
-// before the caller's next step (the phase file's deletion after the starter switch must not
-// reach storage before it).
-bool replaceFile(const std::string& path, const std::string& text, bool makeExecutable)
+// Whether the file must be written in place rather than replaced: what a rename would change for
+// its other users, or what only the truncating open can judge.
+bool keptInPlace(const std::string& target, struct stat& old, bool& exists)
 {
-    const std::string target = linkTarget(path);
-    struct stat old;
-    const bool exists = stat(target.c_str(), &old) == 0;
-    // A device or a pipe is written, not replaced; a folder fails as it always did.
-    if (exists && !S_ISREG(old.st_mode))
-        return writeInPlace(path, text, false, makeExecutable);
+    exists = stat(target.c_str(), &old) == 0;
+    if (!exists)
+        return errno != ENOENT; // a link loop, a folder one may not search: fails in place as before
+    // A device or a pipe is written, not replaced; a folder fails as it always did. A file with
+    // several names keeps them all: every name must see the new text.
+    if (!S_ISREG(old.st_mode) || old.st_nlink > 1)
+        return true;
+    // A file the caller may not write stays refused, though the folder would take a new one.
+    return faccessat(AT_FDCWD, target.c_str(), W_OK, AT_EACCESS) != 0;
+}
+
+// Writes the text to a new file beside the target, with the target's owner and mode, and renames
+// it over the target. False, with nothing left behind, when any step fails: a target that is a
+// mount point (EBUSY, EXDEV), a folder without room for a second copy, an owner one may not give.
+bool renameOver(const std::string& target, const std::string& text, const struct stat* old,
+                bool makeExecutable)
+{
     std::string temp;
     const int fd = createTemporary(target, temp);
     if (fd < 0)
-        return writeInPlace(path, text, false, makeExecutable);
-    if (exists && fchown(fd, old.st_uid, old.st_gid) != 0) {
-        // Not root: the file may be writable here while a new one could not get its owner.
-        close(fd);
-        unlink(temp.c_str());
-        return writeInPlace(path, text, false, makeExecutable);
-    }
-    bool stored = true;
-    if (makeExecutable)
+        return false;
+    // Not root: the file may be writable here while a new one could not get its owner.
+    bool stored = old == nullptr || fchown(fd, old->st_uid, old->st_gid) == 0;
+    if (stored && makeExecutable)
         stored = fchmod(fd, 0774) == 0;
-    else if (exists)
-        stored = fchmod(fd, old.st_mode & 07777) == 0;
+    else if (stored && old != nullptr)
+        stored = fchmod(fd, old->st_mode & 07777) == 0;
     stored = stored && writeAll(fd, text) && fsync(fd) == 0;
     stored = close(fd) == 0 && stored;
     if (!stored || rename(temp.c_str(), target.c_str()) != 0) {
         unlink(temp.c_str());
         return false;
     }
+    return true;
+}
+
+// Replaces the file so that a power cut at any instant leaves either the old content or the new,
+// whole: the text goes to a temporary file beside it, which is given the old file's owner and
+// mode, flushed, and renamed over it; then the folder is flushed, so that the rename is stored
+// before the caller's next step (the phase file's deletion after the starter switch must not
+// reach storage before it). Where the file cannot be replaced, it is truncated and written in
+// place, as it always was, with the same outcome.
+bool replaceFile(const std::string& path, const std::string& text, bool makeExecutable)
+{
+    const std::string target = linkTarget(path);
+    struct stat old;
+    bool exists = false;
+    if (keptInPlace(target, old, exists) || !renameOver(target, text, exists ? &old : nullptr, makeExecutable))
+        return writeInPlace(path, text, false, makeExecutable);
     syncFolder(folderOf(target));
     return true;
 }

@@ -25,8 +25,10 @@ bool tovDirDelete(const std::string& path);
 
 // Without append the file is replaced whole: a power cut leaves the old text or the new one, never
 // an empty or partial file, and the old file's owner and mode stay (0774 with makeExecutable). A
-// symbolic link is written through to its file. Where no file can be made beside it (a device, a
-// folder one may not create in), the file is truncated and written in place instead.
+// symbolic link is written through to its file. Where it cannot be replaced, the file is truncated
+// and written in place instead, as it always was: a device, a mount point, a file with several
+// names, one the caller may not write, a folder one may not create in or without room for a
+// second copy; a link loop fails.
 bool writeToFile(const std::string& path, const std::string& text, bool append, bool makeExecutable);
 bool readFile_All(const std::string& path, std::vector<std::string>& lines);
 // Always appends exactly n entries when the file opens, whatever its length.

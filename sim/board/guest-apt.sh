@@ -1,6 +1,7 @@
 # Sourced by the scripts of sim/board: a private apt state in $BASE/apt that resolves and downloads
 # Debian's armhf packages (and amd64 ones, for this machine's half of kbuild) without touching this
-# machine's package setup. apt_options is what apt-get and apt-cache take to use it.
+# machine's package setup. apt_options is what apt-get and apt-cache take to use it; guest_deb
+# prints a package's file, downloading it the first time.
 
 apt_dir=$BASE/apt
 mkdir -p "$apt_dir"/{lists/partial,archives/partial,sources.list.d,preferences.d,cache}
@@ -15,3 +16,18 @@ apt_options=(
     -o APT::Architecture=armhf -o APT::Architectures::=armhf -o APT::Architectures::=amd64
     -o Debug::NoLocking=1 -o APT::Sandbox::User=root
 )
+
+# guest_deb PACKAGE ARCH [VERSION]: the .deb of PACKAGE for ARCH (all for an arch-independent one),
+# VERSION or the newest downloaded (the candidate when none was).
+guest_deb() {
+    local package=$1 arch=$2 version=${3-} pattern file
+    pattern="${package}_${version:-*}_$arch.deb"
+    pattern=${pattern//:/%3a}
+    file=$(find "$apt_dir/archives" -maxdepth 1 -name "$pattern" | sort -V | tail -n 1)
+    if [[ -z $file ]]; then
+        (cd "$apt_dir/archives" && apt-get "${apt_options[@]}" download -qq "$package:$arch${version:+=$version}" >&2) ||
+            return 1
+        file=$(find "$apt_dir/archives" -maxdepth 1 -name "$pattern" | sort -V | tail -n 1)
+    fi
+    [[ -n $file ]] && echo "$file"
+}

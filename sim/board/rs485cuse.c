@@ -14,8 +14,8 @@
  *   ioctl N       any other request, refused
  *
  * --journal FILE appends each line to FILE (opened per line with O_APPEND, so the file may be
- * truncated or removed meanwhile); --port DEVICE writes it to DEVICE, a serial or virtio-serial
- * port kept open, before the request is answered. With --ack the answer further waits for one
+ * truncated or removed meanwhile); --port DEVICE writes it to DEVICE, a serial (set raw) or
+ * virtio-serial port kept open, before the request is answered. With --ack the answer further waits for one
  * byte read back from DEVICE: a peer that appends the line to a log of its own before it
  * acknowledges gets that log in the order of the requests and of whatever the board did after
  * them (the bytes it then sends on its serial port, say). --debug prints CUSE's traffic.

@@ -17,15 +17,15 @@ SIM_DIR=$(readlink -f "$(dirname "$0")/../../sim")
 APPLY='Appliquer\nConfiguration Réseaux'
 fail() { echo "show_form: $*" >&2; exit 1; }
 
-# Within the desktop (sim/desktop): --shoot NAME OUT COMMAND... starts one program, waits for
+# Within the desktop (sim/operator/desktop): --shoot NAME OUT COMMAND... starts one program, waits for
 # the form and its keyboard on the screen and saves the screen as OUT/NAME.png.
 if [[ ${1-} == --shoot ]]; then
     name=$2 out=$3
     shift 3
     "$@" >"$out/$name.log" 2>&1 &
     pid=$!
-    "$SIM_DIR/screen" wait-button "$APPLY" 300 || fail "no network form on the $name screen"
-    "$SIM_DIR/screen" wait-button Space 60 || fail "no keyboard on the $name screen"
+    "$SIM_DIR/operator/screen" wait-button "$APPLY" 300 || fail "no network form on the $name screen"
+    "$SIM_DIR/operator/screen" wait-button Space 60 || fail "no keyboard on the $name screen"
     sleep 2 # its last paint
     import -window root "$out/$name.png"
     kill "$pid"
@@ -48,12 +48,12 @@ kill "$pid"
 wait "$pid" 2>/dev/null || true
 echo "armhf tov_test, offscreen: running after 30 s"
 
-source "$SIM_DIR/xvfb.sh"
+source "$SIM_DIR/operator/xvfb.sh"
 trap xvfb_stop EXIT
 xvfb_start
 
-"$SIM_DIR/desktop" "$0" --shoot armhf-form "$OUT" qemu-arm-static -L "$SYSROOT" "$ARM_TOV"
-"$SIM_DIR/desktop" "$0" --shoot host-form "$OUT" "$HOST_TOV"
+"$SIM_DIR/operator/desktop" "$0" --shoot armhf-form "$OUT" qemu-arm-static -L "$SYSROOT" "$ARM_TOV"
+"$SIM_DIR/operator/desktop" "$0" --shoot host-form "$OUT" "$HOST_TOV"
 
 # The perceptual hash distance: the two builds lay text out a pixel or two apart (their FreeType
 # and fontconfig differ), which moves 5 % of the pixels but not the picture. The same form gives

@@ -4,6 +4,7 @@
 // times speed the bounds below leave a loaded machine a second or two.
 #include "autotest/cautotestthread.h"
 
+#include "boardpins.h"
 #include "gpiosim.h"
 #include "testfiles.h"
 
@@ -21,6 +22,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -51,7 +53,8 @@ struct RunRecord {
     qint64 endDelayMs = -1;    // from the end line to the end signal
 };
 
-RunRecord runThread(bool resetWhileRunning = false)
+// onLine, when given, sees each line as it is emitted, in the worker, before the run goes on.
+RunRecord runThread(bool resetWhileRunning = false, const std::function<void(const QString&)>& onLine = nullptr)
 {
     int argc = 1;
     char name[] = "unit_cautotestthread";
@@ -77,6 +80,8 @@ RunRecord runThread(bool resetWhileRunning = false)
         if (moduleLine && run.pinsAtModule.empty())
             run.pinsAtModule = readText("/run/tovsim/gpio/state");
         run.lines << line;
+        if (onLine)
+            onLine(line);
     });
     QObject::connect(&thread, &cAutoTestThread::sig_ThreadEnd, [&](int errors) {
         run.errors = errors;
@@ -302,11 +307,6 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"NoRamdisk", "", "Espace de Stockage", {"Kernel Version: ", "Composant ETHERNET: DM9000-X"}, 0, true},
         // Without sysfs GPIO every pin reads -1, the value the loop starts from: no line at all.
         Row{"NoGpio", kRelayStage, kV2, {}, 0, true},
-        // RESERVE goes active then idle again during the 40 s (reserve_toggle.txt).
-        Row{"Relays", kRelayStage, kV2,
-            QStringList({"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"})
-                << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << kLastInput << relays("1") << relays("0"),
-            0, true},
         // The V1 emulator's fields 00500,07410,06500,08000,12000: weight 500, temperatures n / 117 - 40,
         // 12000 uA on the default 0-30 range gives 15.
         Row{"ModuleV1", kLastInput, kEndLine,
@@ -335,3 +335,45 @@ INSTANTIATE_TEST_SUITE_P(
             v2Sensor("-999, PR= 12.25, T_SOR= 35.75, T_ENT= 21.5, T_EXT= 8.5", "ERREUR POIDS Jauge de Contrainte"), 1,
             true}),
     [](const testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
+
+// Each input goes active then idle on its own, the next change made once the bench has shown the
+// last one, RESERVE's once the relays have followed it: each line shows its own input, and the
+// emulator's journal shows the three relays' value files written idle on the first pass, active
+// while RESERVE is, idle again after.
+TEST(TestThread, EachInputOnItsOwnAndTheRelaysFollowReserve)
+{
+    QStringList lines = QStringList({"GPIO TOR MARCHE COMPRESSEUR= 0", "GPIO TOR MARCHE CENTRAL= 0"})
+                        << relays("0") << "GPIO TOR DIPSWITCH_SW2_1= 0" << kLastInput;
+    const auto driven = [](int v) {
+        return "value 136 " + std::to_string(v) + "\nvalue 138 " + std::to_string(v) + "\nvalue 135 " +
+               std::to_string(v) + "\n";
+    };
+    std::string journal = tovtest::boardBuiltJournal() + driven(0);
+    std::vector<std::pair<int, int>> changes; // (pin, level), made in turn
+    std::vector<QString> madeAfter;           // the line after which each change is made
+    for (const tovtest::BoardPin& input : tovtest::kBoardPins) {
+        for (int v = 1; !input.relay && v >= 0; --v) {
+            madeAfter.push_back(lines.last());
+            changes.emplace_back(input.pin, 1 - v);
+            journal += "input " + std::to_string(input.pin) + " " + std::to_string(1 - v) + "\n";
+            if (input.pin == 202) {
+                lines << relays(QString::number(v));
+                journal += driven(v);
+            } else {
+                lines << QString("GPIO TOR %1= %2").arg(input.role).arg(v);
+            }
+        }
+    }
+    size_t made = 0;
+    bool stage = false;
+    const RunRecord run = runThread(false, [&](const QString& line) {
+        stage = stage || line == kRelayStage;
+        if (stage && made < changes.size() && line == madeAfter[made]) {
+            tovtest::setGpioLevel(changes[made].first, changes[made].second);
+            ++made;
+        }
+    });
+    EXPECT_EQ(linesBetween(run.lines, kRelayStage, kV2), lines);
+    EXPECT_EQ(tovtest::gpioJournal(), journal + tovtest::boardReleasedJournal());
+    EXPECT_EQ(run.errors, 0);
+}

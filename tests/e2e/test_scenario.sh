@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# One factory cycle end to end: sim/scenario runs the unchanged bench through its boots with the
+# One factory cycle end to end: sim/operator/scenario runs the unchanged bench through its boots with the
 # scenario's operator, then what the unit went through is compared with tests/e2e/expected/NAME/:
 # boots.log (phase file at each boot, reboots, outcome, the unit's journal), the panel's lines at
 # each reboot or stop (*.txt), the starter and the files of /home/TOV at the end.
@@ -31,7 +31,7 @@ compare() { # compare WHAT EXPECTED_FILE ACTUAL_TEXT
     fi
 }
 
-"$SIM/scenario" --bench "$BENCH" --out "$OUT" "$NAME"
+"$SIM/operator/scenario" --bench "$BENCH" --out "$OUT" "$NAME"
 echo "scenario $NAME ended with status $?"
 
 compare "boots.log" "$EXPECTED/boots.log" "$(normalize "$OUT/boots.log")"

@@ -3,6 +3,7 @@
 #include "gpio/gpiotovv2.h"
 #include "gpio/gpiov2.h"
 
+#include "boardpins.h"
 #include "gpiosim.h"
 
 #include <gtest/gtest.h>
@@ -21,14 +22,6 @@ std::string failed(const std::string& what, int pin)
 {
     return " OPERATION FAILED: Unable to " + what + " GPIO_" + std::to_string(pin) + "\n";
 }
-
-// The board as the test stage uses it: relays it drives and inputs it reads, by kernel number.
-struct Role {
-    int pin;
-    bool relay;
-};
-const Role kBoard[] = {{138, true},  {135, true},  {136, true},  {230, true}, {232, true},
-                       {200, false}, {201, false}, {202, false}, {41, false}, {42, false}};
 
 } // namespace
 
@@ -108,17 +101,13 @@ TEST(GpioPin, InputsReadInverted)
     }
 }
 
+// Each input is read as soon as it is exported, which primes its last state; relays are not written
+// before the test drives them.
 TEST(BoardMap, DrivesEachRelayAndReadsEachInputByItsNumber)
 {
     auto board = std::make_unique<gpioV2>();
-    std::string built, released;
-    for (const Role& role : kBoard) {
-        const std::string number = std::to_string(role.pin);
-        built += "export " + number + "\n" + (role.relay ? "direction " + number + " out\n" : "");
-        released += "unexport " + number + "\n";
-    }
-    EXPECT_EQ(gpioJournal(), built) << "relays are not written before the test drives them";
-    for (const Role& role : kBoard) {
+    EXPECT_EQ(gpioJournal(), boardBuiltJournal());
+    for (const BoardPin& role : kBoardPins) {
         for (int level : {1, 0}) {
             if (role.relay) {
                 EXPECT_EQ(board->setGPIO_State(role.pin, level), 1) << role.pin;
@@ -137,7 +126,7 @@ TEST(BoardMap, DrivesEachRelayAndReadsEachInputByItsNumber)
 
     const std::string before = gpioJournal();
     board.reset();
-    EXPECT_EQ(gpioJournalSince(before), released);
+    EXPECT_EQ(gpioJournalSince(before), boardReleasedJournal());
 }
 
 // The unit of this case lacks pin 232.
@@ -159,11 +148,11 @@ TEST(BoardMapAbsent, EveryPinFailsItsExportOnceAndNothingElseIsTried)
     CaptureStdout();
     auto board = std::make_unique<gpioV2>();
     std::string messages;
-    for (const Role& role : kBoard)
+    for (const BoardPin& role : kBoardPins)
         messages += failed("export", role.pin);
     EXPECT_EQ(GetCapturedStdout(), messages);
     CaptureStdout();
-    for (const Role& role : kBoard) {
+    for (const BoardPin& role : kBoardPins) {
         EXPECT_EQ(board->getGPIO_State(role.pin), -1) << role.pin;
         EXPECT_EQ(board->setGPIO_State(role.pin, 1), 0) << role.pin;
     }

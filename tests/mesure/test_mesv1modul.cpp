@@ -99,6 +99,17 @@ TEST(MesV1Flags, AFlaggedSensorStillOutOfRangeIsFlaggedAgainAfterSixtyFiveMore)
     EXPECT_EQ(flags(modul), "00000");
 }
 
+// Without a bus every exchange goes unanswered: a connected module is lost at the 65th in a row.
+TEST(MesV1Link, LostAtTheSixtyFifthFailedExchangeInARow)
+{
+    MesV1Modul modul(nullptr);
+    apply(modul, kGood);
+    for (int failed = 1; failed <= 65; ++failed) {
+        ASSERT_EQ(modul.CM1_sendTo(), MesV1Modul::RES_NO_ANSWER);
+        EXPECT_EQ(modul.isCMv1connected(), failed < 65 ? 1 : 2) << failed << " failed";
+    }
+}
+
 TEST(MesV1Records, ByIdentifier)
 {
     MesV1Modul modul(nullptr);

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +30,21 @@ std::string measurementText()
     for (int i = 0; i < 2000; ++i)
         text += "23/11/2026_10:00:00;" + std::to_string(i) + ";" + std::to_string(i) + ";0.20;\n";
     return text;
+}
+
+// The SHA-256 of the server's host key, as the factory would pin it.
+std::string serverKey()
+{
+    FILE* keygen = popen("ssh-keygen -E sha256 -lf /run/tovsim/watchtower_host_key.pub", "r");
+    char line[256] = {};
+    const bool read = keygen != nullptr && fgets(line, sizeof line, keygen) != nullptr;
+    if (keygen != nullptr)
+        pclose(keygen);
+    const std::string listing(read ? line : ""), prefix = "SHA256:";
+    const std::string::size_type at = listing.find(prefix);
+    if (at == std::string::npos)
+        return "";
+    return listing.substr(at + prefix.size(), listing.find(' ', at) - at - prefix.size());
 }
 
 // Puts a file on the server's disk as the account would own it.
@@ -161,22 +177,15 @@ TEST(WatchtowerBadPassword, EveryOperationFailsWithLoginDenied)
 // other fails it before the password is tried (a wrong password then changes nothing).
 TEST(Watchtower, PinnedHostKey)
 {
-    FILE* keygen = popen("ssh-keygen -E sha256 -lf /run/tovsim/watchtower_host_key.pub", "r");
-    ASSERT_NE(keygen, nullptr);
-    char line[256] = {};
-    ASSERT_NE(fgets(line, sizeof line, keygen), nullptr);
-    pclose(keygen);
-    const std::string listing(line), prefix = "SHA256:";
-    const std::string::size_type at = listing.find(prefix);
-    ASSERT_NE(at, std::string::npos) << listing;
-    const std::string serverKey = listing.substr(at + prefix.size(), listing.find(' ', at) - at - prefix.size());
-    const std::string otherKey(serverKey.size(), 'A');
+    const std::string key = serverKey();
+    ASSERT_NE(key, "");
+    const std::string otherKey(key.size(), 'A');
     const std::string refused = "curl: error: SSL peer certificate or SSH remote key was not OK\n";
     struct Case {
         std::string key, password, output;
         bool sent;
     };
-    for (const Case& c : {Case{serverKey, kPassword, "", true}, Case{otherKey, kPassword, refused, false},
+    for (const Case& c : {Case{key, kPassword, "", true}, Case{otherKey, kPassword, refused, false},
                           Case{otherKey, "wrong", refused, false}}) {
         SCOPED_TRACE(c.key + " " + c.password);
         unlink((kServerDir + "tov_test.msr").c_str());
@@ -187,5 +196,42 @@ TEST(Watchtower, PinnedHostKey)
         EXPECT_EQ(curl.Upload(kUrl, kUser, c.password, files), c.sent);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.output);
         EXPECT_EQ(tovFileExist(kServerDir + "tov_test.msr"), c.sent);
+    }
+}
+
+// A libcurl that cannot check the pin refuses it (curl_refusing_pin.cpp stands in for one): the
+// transfer then fails before any connection, though the pinned key is the server's own. Unpinned,
+// the stand-in uploads as libcurl does.
+TEST(WatchtowerPinRefused, NothingIsSentWithoutTheCheck)
+{
+    ASSERT_EQ(dlopen("libcurl.so.4", RTLD_NOW | RTLD_NOLOAD), nullptr) << "libcurl loaded before its stand-in";
+    void* const standin = dlopen(TOV_CURL_REFUSING_PIN, RTLD_NOW | RTLD_GLOBAL);
+    ASSERT_NE(standin, nullptr) << dlerror();
+    auto* const refusal = static_cast<CURLcode*>(dlsym(standin, "standin_refusal"));
+    auto* const performs = static_cast<int*>(dlsym(standin, "standin_performs"));
+    ASSERT_TRUE(refusal != nullptr && performs != nullptr);
+    struct Case {
+        std::string key;
+        CURLcode refusal;
+        std::string output;
+        int performs;
+    };
+    for (const Case& c : {Case{serverKey(), CURLE_UNKNOWN_OPTION, "An unknown option was passed in to libcurl", 0},
+                          Case{serverKey(), CURLE_NOT_BUILT_IN,
+                               "A requested feature, protocol or option was not found built-in in this libcurl due "
+                               "to a build-time decision.", 0},
+                          Case{"", CURLE_UNKNOWN_OPTION, "", 1}}) {
+        SCOPED_TRACE(c.output);
+        *refusal = c.refusal;
+        *performs = 0;
+        writeText("/home/tov_test.msr", "pinned\n");
+        Curl_Wrapper curl(c.key);
+        Curl_Wrapper::UploadMap files{{{"/home/tov_test.msr", "~/TOV/tests_tov"}, true}};
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(curl.Upload(kUrl, kUser, kPassword, files), c.performs == 1);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.output.empty() ? "" : "curl: error: " + c.output + "\n");
+        EXPECT_EQ(*performs, c.performs);
+        EXPECT_EQ(tovFileExist(kServerDir + "tov_test.msr"), c.performs == 1);
+        EXPECT_EQ(tovFileExist("/home/tov_test.msr"), c.performs == 0);
     }
 }

@@ -1,4 +1,4 @@
-// The USB restore page in a simulated unit with a stick (sim/stick) or without one. Every cp line
+// The USB restore page in a simulated unit with a stick (sim/devices/stick) or without one. Every cp line
 // the page runs is journaled by a cp wrapper that the cases put first on the PATH.
 #include "usb/copyfilestousb.h"
 
@@ -114,7 +114,7 @@ private slots:
         QCOMPARE(exit.count(), 1);
     }
 
-    // The cases below run in a unit with the sample stick of sim/stick. A folder the operator
+    // The cases below run in a unit with the sample stick of sim/devices/stick. A folder the operator
     // chooses (none: cancelled), the cp lines run, the progress signals (maximum, minimum, value)
     // and where the bar ends, and every text the message line took.
     void restore_data()

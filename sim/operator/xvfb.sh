@@ -1,4 +1,4 @@
-# Sourced by the scripts that show the bench on a private screen (sim/scenario, tests/armhf).
+# Sourced by the scripts that show the bench on a private screen (sim/operator/scenario, tests/arm).
 #
 # xvfb_start: starts Xvfb, 640x480 like the unit's panel, on the first free display number; exports
 # DISPLAY and sets XVFB_PID. -noreset keeps the server's state (the accessibility bus address)

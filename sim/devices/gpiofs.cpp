@@ -10,8 +10,8 @@
 //                  number sets the electrical level the pin reads while it is an input.
 //   state          one line per pin: "PIN DIRECTION LEVEL", then " exported" while exported.
 //   accesses       the number of requests made under sysfs/ so far.
-// Each export, unexport, direction and value write, and each input level change, appends one line
-// to the journal (see journal() below). The file system stays up until it is unmounted or the
+// Each export, unexport, direction and value write, each input level change, and the first read of
+// a value file after its pin's export append one line to the journal (see journal() below). The file system stays up until it is unmounted or the
 // process gets SIGTERM, SIGINT or SIGHUP.
 //
 // This program is the board's stand-in: it shares no code with the bench it serves.
@@ -52,6 +52,7 @@ const long kDefaultInputLevel = 1;
 
 struct Pin {
     bool exported = false;
+    bool readSinceExport = false;  // later reads go unjournaled: the bench polls its inputs tightly
     bool output = false;  // the kernel's default direction for a line nobody configured
     long inputLevel = kDefaultInputLevel;
     long outputLevel = 0;
@@ -123,7 +124,7 @@ std::string stripLineEnd(const std::string& text)
 
 // ---------------------------------------------------------------------------------------------
 // Journal: one line per operation, "OP PIN [ARG] [ERROR]":
-//   export 138 / unexport 138 / direction 138 out / value 136 1 / input 202 0
+//   export 138 / unexport 138 / direction 138 out / value 136 1 / input 202 0 / read 202 1
 // A refused write ends with the errno name the writer got (EINVAL, EBUSY, EPERM); a refused export
 // or unexport of text that is no number shows that text instead of PIN.
 
@@ -289,6 +290,7 @@ int doExport(const std::string& text)
         return -EBUSY;
     }
     found->second.exported = true;
+    found->second.readSinceExport = false;
     if (!g.exportSeen) {
         g.exportSeen = true;
         g.firstExport = Clock::now();
@@ -460,6 +462,10 @@ int fsRead(const char* path, char* buf, size_t size, off_t offset, struct fuse_f
         return -ENODEV;  // the pin was unexported while open, as sysfs reports it
     if (!readText(node, text))
         return -EIO;
+    if (node.kind == Kind::Value && !g.pins[node.pin].readSinceExport) {
+        g.pins[node.pin].readSinceExport = true;
+        journal("read " + std::to_string(node.pin) + " " + stripLineEnd(text));
+    }
     if (offset < 0 || static_cast<size_t>(offset) >= text.size())
         return 0;
     const size_t count = std::min(size, text.size() - static_cast<size_t>(offset));

@@ -2,7 +2,7 @@
 #
 # The unit's "/dev/ttySAC1" is the slave of a pty whose master module_emulator holds; it answers
 # as the scenario says, paced at the line's baud rate. "/dev/rs485_Ctrl" is a bind of /dev/null
-# whose direction requests the rs485ctl library (sim/rs485ctl.c), preloaded into COMMAND, takes
+# whose direction requests the rs485ctl library (sim/devices/rs485ctl.c), preloaded into COMMAND, takes
 # and records in /run/tovsim/rs485.journal with the bytes written on the port. The emulator logs
 # what it hears and says to /run/tovsim/module.log.
 

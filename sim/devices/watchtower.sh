@@ -17,7 +17,7 @@ watchtower_valid_mode() {
     case $1 in up|bad-password|full|no-dir|down) return 0 ;; *) return 1 ;; esac
 }
 
-# Starts the server on the server side of the unit's network (sim/net.sh), listening on ADDRESS
+# Starts the server on the server side of the unit's network (sim/unit/net.sh), listening on ADDRESS
 # port 22; the caller waits for the port.
 watchtower_start() {
     local address=$1 mode=$2

@@ -1,4 +1,4 @@
-# Sourced by sim/tovsim: the unit's sysfs GPIO, served by the gpiofs emulator (sim/gpiofs.cpp).
+# Sourced by sim/tovsim: the unit's sysfs GPIO, served by the gpiofs emulator (sim/devices/gpiofs.cpp).
 #
 # Inside the unit the emulator is mounted on /run/tovsim/gpio and its sysfs/ folder is bound on
 # /sys/class/gpio. /sys/class is a tmpfs holding binds of the unit's own sysfs classes (net, tty,
