@@ -32,12 +32,13 @@ TouchPanel::~TouchPanel()
 
 void TouchPanel::readSamples()
 {
-    ts_sample samples[16];
+    // One sample per call: tslib's evdev module drops the samples it has already read when the
+    // panel runs dry in the middle of a longer request (the read ends in EAGAIN), so a request for
+    // more than one loses every touch that has fewer samples pending than asked for.
+    ts_sample sample;
     int count;
-    while ((count = ts_read(m_device, samples, 16)) > 0) {
-        for (int i = 0; i < count; ++i)
-            deliver(QPoint(samples[i].x, samples[i].y), samples[i].pressure > 0);
-    }
+    while ((count = ts_read(m_device, &sample, 1)) > 0)
+        deliver(QPoint(sample.x, sample.y), sample.pressure > 0);
     if (count < 0 && errno != EAGAIN) {
         std::printf("[TouchPanel] the touch panel stopped answering (%s): the bench runs without touch\n",
                     std::strerror(errno));
