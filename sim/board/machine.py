@@ -8,6 +8,7 @@ whose host end is a tty. The serial console and QMP are unix sockets in the run'
 import os
 import re
 import subprocess
+import time
 
 from console import Console
 from deadline import Deadline
@@ -21,7 +22,7 @@ SCREEN_W, SCREEN_H = 640, 480
 
 
 class Machine:
-    def __init__(self, kernel, initrd, disk, folder, uart, taps, append=""):
+    def __init__(self, kernel, initrd, disk, folder, uart, taps, append="", window=False):
         self.folder = folder
         self.qmp_path = os.path.join(folder, "qmp.sock")
         self.console_path = os.path.join(folder, "console.sock")
@@ -30,7 +31,9 @@ class Machine:
             "-M", "virt,highmem=off", "-cpu", "cortex-a15", "-smp", "1", "-m", "128",
             "-kernel", kernel, "-initrd", initrd,
             "-append", f"console=ttyAMA0 rdinit=/init {append}".strip(),
-            "-display", "none", "-monitor", "none", "-nodefaults",
+            # window: QEMU's window on the maintainer's display is the screen, its mouse the
+            # finger on the tablet (absolute, so the pointer lands where it is seen).
+            "-display", "gtk,zoom-to-fit=off" if window else "none", "-monitor", "none", "-nodefaults",
             "-chardev", f"socket,id=console,path={self.console_path},server=on,wait=off",
             "-serial", "chardev:console",
             "-qmp", f"unix:{self.qmp_path},server=on,wait=off",
@@ -61,6 +64,13 @@ class Machine:
 
     def alive(self):
         return self.process is not None and self.process.poll() is None
+
+    def wait_closed(self):
+        """Follows the boots until QEMU ends (its window closed); returns the number of boots."""
+        while self.alive():
+            time.sleep(0.5)
+            self.console.count(STARTED)  # keeps reading the console into its log
+        return self.boots()
 
     def boots(self):
         """How many boots reached the end of the board's start so far."""

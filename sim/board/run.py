@@ -125,12 +125,16 @@ def main():
     args = parser.parse_args()
     out = args.out
     setup_network(out)
-    board = Machine(args.kernel, args.initrd, args.disk, out, "/dev/ttySAC1", TAPS)
+    board = Machine(args.kernel, args.initrd, args.disk, out, "/dev/ttySAC1", TAPS, window=args.manual)
     status = 0
     try:
         board.start()
         form = first_screen(board, out)
-        if args.steps == "touch":
+        if args.manual:
+            print("board: QEMU's window is the unit's screen and the mouse the finger; close the "
+                  "window to stop", flush=True)
+            print(f"board: {board.wait_closed()} boots")
+        elif args.steps == "touch":
             Cycle(board, out).tick_and_untick(form)
         elif args.steps in ("phase", "cycle"):
             Cycle(board, out, phases=1 if args.steps == "phase" else 3).run(1, form)
