@@ -9,7 +9,8 @@ by itself until the starter hands over to the production application.
 
 Each boot leaves in the run's folder: bootN-bench.log (the bench's own output, saved to the NAND
 by the board's orderly shutdown), bootN-reboot.txt (the result panel's lines at the reboot, read
-from that output) and bootN-reboot.png (the screen just before it), and a line in boots.log in the
+from that output), bootN-memory.txt (the board's memory and the bench's peak at the shutdown) and
+bootN-reboot.png (the screen just before it), and a line in boots.log in the
 format of sim/unit/tovboot, so that tests/e2e/expected applies to the board as it does to the host.
 """
 import os
@@ -35,6 +36,7 @@ BENCH_ENDED = rb"board: the bench ended with status \d+"
 PANEL = "[fResultDisplay] "
 CLEARED = PANEL + "cleared"
 SAVED_LOG = "/nand/bench.previous.log"
+SAVED_MEMORY = "/nand/memory.previous"  # /proc/meminfo's and the bench's figures at the shutdown
 
 
 def panel_lines(log):
@@ -175,6 +177,9 @@ class Cycle:
             f.write(text)
         with open(os.path.join(self.out, f"boot{boot}-reboot.txt"), "w") as f:
             f.write("".join(line + "\n" for line in panel_lines(text)))
+        _, memory = self.board.run(f"cat {SAVED_MEMORY}", check=False)
+        with open(os.path.join(self.out, f"boot{boot}-memory.txt"), "w") as f:
+            f.write(memory)
 
     def boot_line(self, boot):
         _, phase = self.board.run("head -n 1 /home/TOV/tov_test.cfg 2>/dev/null || echo none")
