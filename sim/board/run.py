@@ -133,7 +133,7 @@ def main():
         if args.manual:
             print("board: QEMU's window is the unit's screen and the mouse the finger; close the "
                   "window to stop", flush=True)
-            print(f"board: {board.wait_closed()} boots")
+            print(f"board: QEMU closed after {board.wait_closed()} boot(s)")
         elif args.steps == "touch":
             Cycle(board, out).tick_and_untick(form)
         elif args.steps in ("phase", "cycle"):
