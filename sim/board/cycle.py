@@ -188,9 +188,23 @@ class Cycle:
         self.log(f"boot {boot}: phase file {phase}, starter runs '{starter}'")
         return phase, starter
 
+    def pull_and_plug_cable(self):
+        """The Ethernet cable pulled and plugged again, as the kernel's driver reports it where the
+        bench reads it; the form is still open, so the phase's lines do not change."""
+        for up, carrier in ((False, "0"), (True, "1")):
+            self.board.set_link("eth0", up)
+            _, seen = self.board.run(
+                f"for i in $(seq 50); do [ \"$(cat /sys/class/net/eth0/carrier)\" = {carrier} ] && break;"
+                " sleep 0.1; done; cat /sys/class/net/eth0/carrier")
+            if seen.strip() != carrier:
+                raise ConsoleError(f"eth0's carrier is {seen.strip()!r}, not {carrier}, with the cable "
+                                   f"{'plugged' if up else 'pulled'}")
+        print("board: the cable pulled (eth0's carrier 0) and plugged again (1)")
+
     def run(self, boot, form, phase_seconds=600):
         """Plays the cycle from the first boot (already on its form)."""
         self.boot_line(boot)
+        self.pull_and_plug_cable()
         self.operate_form(form)
         self.toggle_reserve()
         for phase in range(1, self.phases + 1):
