@@ -9,6 +9,8 @@ import secrets
 import socket
 import time
 
+from deadline import connect_unix
+
 
 class ConsoleError(Exception):
     pass
@@ -20,16 +22,9 @@ FAILURES = [re.compile(rb"Kernel panic - not syncing"), re.compile(rb"Unable to 
 
 class Console:
     def __init__(self, path, log_path, deadline):
-        self.sock = None
-        while self.sock is None:
-            try:
-                sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-                sock.connect(path)
-                self.sock = sock
-            except OSError:
-                if deadline.expired():
-                    raise ConsoleError(f"no console socket at {path}")
-                time.sleep(0.05)
+        self.sock = connect_unix(path, deadline)
+        if self.sock is None:
+            raise ConsoleError(f"no console socket at {path}")
         self.log = open(log_path, "ab", buffering=0)
         self.buffer = b""  # everything read, consumed by waits from self.pos
         self.pos = 0

@@ -4,6 +4,7 @@ Every wait of the board's harness is one of these; TOV_BOARD_TIME_SCALE (default
 them all, so that a loaded machine gets more time without any wait being edited.
 """
 import os
+import socket
 import time
 
 SCALE = float(os.environ.get("TOV_BOARD_TIME_SCALE", "1"))
@@ -19,3 +20,18 @@ class Deadline:
 
     def expired(self):
         return time.monotonic() >= self.end
+
+
+def connect_unix(path, deadline):
+    """A stream socket connected to PATH, which QEMU creates some time after it starts; None when
+    the deadline passes first."""
+    while True:
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        try:
+            sock.connect(path)
+            return sock
+        except OSError:
+            sock.close()
+            if deadline.expired():
+                return None
+            time.sleep(0.05)

@@ -1,8 +1,7 @@
 """Qmp: QEMU's machine protocol on a unix socket, one command at a time."""
 import json
-import socket
 
-from deadline import Deadline
+from deadline import Deadline, connect_unix
 
 
 class QmpError(Exception):
@@ -11,17 +10,9 @@ class QmpError(Exception):
 
 class Qmp:
     def __init__(self, path, deadline):
-        self.sock = None
-        while self.sock is None:
-            try:
-                sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-                sock.connect(path)
-                self.sock = sock
-            except OSError:
-                if deadline.expired():
-                    raise QmpError(f"no QMP socket at {path}")
-                import time
-                time.sleep(0.05)
+        self.sock = connect_unix(path, deadline)
+        if self.sock is None:
+            raise QmpError(f"no QMP socket at {path}")
         self.file = self.sock.makefile("rwb")
         self._read_reply(Deadline(30))  # the greeting
         self.execute("qmp_capabilities")

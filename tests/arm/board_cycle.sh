@@ -34,13 +34,7 @@ case $STEPS in
     *) echo "usage: board_cycle.sh ARCH cycle|phase OUT" >&2; exit 2 ;;
 esac
 for boot in "${boots[@]}"; do
-    name=boot$boot-reboot.txt
-    if [[ -f $OUT/$name ]]; then
-        compare "$name" "$EXPECTED/$name" "$(normalize "$OUT/$name")"
-    else
-        printf 'FAIL %s: no panel lines from the bench at that reboot\n' "$name"
-        failures=$((failures + 1))
-    fi
+    compare_panel "boot$boot-reboot.txt" "$EXPECTED/boot$boot-reboot.txt" "$OUT"
 done
 echo "board_cycle: $ARCH $STEPS on the emulated board, $failures difference(s) from the host's lines, $(( $(date +%s) - started )) s; screenshots in $OUT"
 [[ $failures -eq 0 ]]

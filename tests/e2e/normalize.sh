@@ -18,3 +18,12 @@ compare() { # compare WHAT EXPECTED_FILE ACTUAL_TEXT
         failures=$((failures + 1))
     fi
 }
+
+compare_panel() { # compare_panel NAME EXPECTED_FILE FOLDER: the panel's lines FOLDER/NAME
+    if [[ -f $3/$1 ]]; then
+        compare "$1" "$2" "$(normalize "$3/$1")"
+    else
+        printf 'FAIL %s: no panel lines at that reboot\n' "$1"
+        failures=$((failures + 1))
+    fi
+}

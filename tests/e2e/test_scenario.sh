@@ -22,13 +22,7 @@ echo "scenario $NAME ended with status $?"
 
 compare "boots.log" "$EXPECTED/boots.log" "$(normalize "$OUT/boots.log")"
 for expected in "$EXPECTED"/*.txt; do
-    name=$(basename "$expected")
-    if [[ -f $OUT/$name ]]; then
-        compare "$name" "$expected" "$(normalize "$OUT/$name")"
-    else
-        printf 'FAIL %s: no such panel reading\n' "$name"
-        failures=$((failures + 1))
-    fi
+    compare_panel "$(basename "$expected")" "$expected" "$OUT"
 done
 compare "starter" "$EXPECTED/starter" "$(grep '^TOV_BIN_NAME=' "$OUT/home/TOV/tov_starter")"
 compare "files of /home/TOV" "$EXPECTED/home-files" "$(cd "$OUT/home/TOV" && ls)"
