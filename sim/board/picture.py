@@ -37,6 +37,18 @@ class Picture:
                 return True
         return False
 
+    def differing_columns(self, other, box):
+        """How many columns of BOX differ between the two pictures."""
+        x0, y0, x1, y1 = box
+        columns = set()
+        for y in range(y0, y1):
+            a = (y * self.width + x0) * 3
+            b = (y * self.width + x1) * 3
+            mine, theirs = self.pixels[a:b], other.pixels[a:b]
+            if mine != theirs:
+                columns.update(x0 + i // 3 for i in range(0, b - a, 3) if mine[i:i + 3] != theirs[i:i + 3])
+        return len(columns)
+
     def save_png(self, path):
         # The convert first on PATH may be a stand-in: imagemagick's own.
         subprocess.run(["/usr/bin/convert", self.path, path], check=True)

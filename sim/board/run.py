@@ -6,8 +6,8 @@ network, the module emulator at the unit's /dev/ttySAC1 (a pty), and namespaces 
 packet inside. Here the unit's eth0 is bridged to the board's tap, a DHCP server answers on the
 server side, QEMU boots the board, and the steps asked for run; everything lands in --out.
 
-    run.py --out DIR --kernel FILE --initrd FILE --disk FILE [--manual] [--steps first-screen]
-           [--run COMMAND]...
+    run.py --out DIR --kernel FILE --initrd FILE --disk FILE [--manual]
+           [--steps first-screen|touch|phase|cycle] [--run COMMAND]...
 """
 import argparse
 import os
@@ -19,6 +19,7 @@ from console import ConsoleError
 from deadline import Deadline
 from machine import Machine
 from picture import Picture
+from cycle import Cycle
 
 SERVER_ADDR = "192.0.2.10"
 BOARD_ADDR = "192.0.2.2"
@@ -94,10 +95,22 @@ def first_screen(board, out):
     boots = board.wait_boot()
     print(f"board: boot {boots}: {board.run('uname -r')[1].strip()}, "
           f"starter runs '{board.run('sed -n s/^TOV_BIN_NAME=//p /home/TOV/tov_starter')[1].strip()}'")
-    wait_for_screen(board, out, f"boot{boots}-form")
+    form = wait_for_screen(board, out, f"boot{boots}-form")
     with open(os.path.join(out, f"boot{boots}-devices.txt"), "w") as f:
         f.write(board.run(DEVICES, check=False)[1])
     print(f"board: the bench's first page is on the screen: {out}/boot{boots}-form.png")
+    return form
+
+
+def keep_guest_logs(board, out):
+    """The board's own logs of this boot, into the run's folder, while its shell answers."""
+    for path in ("/run/board/bench.log", "/run/board/modules.err", "/run/board/rs485.journal"):
+        try:
+            _, text = board.run(f"cat {path}", seconds=10, check=False)
+        except Exception:
+            return
+        with open(os.path.join(out, os.path.basename(path)), "w") as f:
+            f.write(text)
 
 
 def main():
@@ -116,18 +129,19 @@ def main():
     status = 0
     try:
         board.start()
-        first_screen(board, out)
+        form = first_screen(board, out)
+        if args.steps == "touch":
+            Cycle(board, out).tick_and_untick(form)
+        elif args.steps in ("phase", "cycle"):
+            Cycle(board, out, phases=1 if args.steps == "phase" else 3).run(1, form)
         for command in args.run:
-            status, output = board.run(command, check=False)
-            print(f"board$ {command}\n{output}board: status {status}")
-        for path in ("/run/board/bench.log", "/run/board/modules.err"):
-            _, text = board.run(f"cat {path}", check=False)
-            with open(os.path.join(out, os.path.basename(path)), "w") as f:
-                f.write(text)
+            code, output = board.run(command, check=False)
+            print(f"board$ {command}\n{output}board: status {code}")
     except Exception as error:  # the run's folder says what happened
         print(f"board: FAILED: {error}\nboard: logs in {out} (console.log, qemu.log)", file=sys.stderr)
         status = 1
     finally:
+        keep_guest_logs(board, out)
         board.stop()
     return status
 
