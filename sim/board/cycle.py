@@ -190,5 +190,8 @@ class Cycle:
             _, starter = self.boot_line(boot)
             if starter != "tov_test":
                 self.log(f"outcome: handed over to '{starter}'")
+                _, line = self.board.run("grep '^TOV_BIN_NAME=' /home/TOV/tov_starter")
+                with open(os.path.join(self.out, "starter"), "w") as f:
+                    f.write(line)
                 return
         self.log("outcome: stopped after the phases asked for")

@@ -6,30 +6,16 @@
 #
 #   test_scenario.sh BENCH OUTDIR NAME
 #
-# Lines that differ from one machine or one minute to the next are written as placeholders: the
-# kernel release, the date and time, the free megabytes of /home (they follow the bench's size).
+# Lines that differ from one machine or one minute to the next are written as placeholders
+# (tests/e2e/normalize.sh).
 set -uo pipefail
 
 BENCH=$1 OUT=$2 NAME=$3
 HERE=$(dirname "$(readlink -f "$0")")
 EXPECTED=$HERE/expected/$NAME
 SIM=$HERE/../../sim
-failures=0
-
-normalize() {
-    sed -E -e 's/^Kernel Version: .*/Kernel Version: <kernel>/' \
-        -e 's#^Date/Heure du TOV: [0-9]{2}/[0-9]{2}/[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}$#Date/Heure du TOV: <date>#' \
-        -e 's#^(Espace de Stockage \(libre/total\): )[0-9]+Mo/#\1<free>Mo/#' \
-        -e '/^  screenshot /d' -e '/^  panel lines /d' "$1"
-}
-
-compare() { # compare WHAT EXPECTED_FILE ACTUAL_TEXT
-    local diff
-    if ! diff=$(diff -u --label expected --label actual "$2" <([[ -z $3 ]] || printf '%s\n' "$3")); then
-        printf 'FAIL %s\n%s\n' "$1" "$diff"
-        failures=$((failures + 1))
-    fi
-}
+# shellcheck source=tests/e2e/normalize.sh
+source "$HERE/normalize.sh"
 
 "$SIM/operator/scenario" --bench "$BENCH" --out "$OUT" "$NAME"
 echo "scenario $NAME ended with status $?"
