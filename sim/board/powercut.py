@@ -23,7 +23,7 @@ its time is made at that reboot.
 Judgement of a cut in stretch S, against the files at the start of the same boot (START) and at the
 end of stretch S as the cycle left them uncut (END: read on the board when it next booted after an
 orderly reboot, or, when no pass of S ended that way, read on the board after the bench had written
-them all; when neither was seen, the changed files are only named as not compared and the unit must
+them all, twice in a row; when neither was seen, the changed files are only named as not compared and the unit must
 come back to START's phase or the next one):
   - the file system needs nothing beyond its journal's replay;
   - the starter, the phase file and the interfaces file each are as at START or as at END, mode
@@ -155,9 +155,9 @@ READ = "; ".join(f"if [ -f {p} ]; then echo \"{p} $(stat -c %a {p}) $(base64 -w0
                  f"else echo \"{p} -\"; fi" for p in FILES)
 
 
-def guest_files(board):
+def guest_files(board, seconds=30):
     """The three files as the running board sees them: {path: (content, mode) or None}."""
-    _, text = board.run(READ, seconds=30)
+    _, text = board.run(READ, seconds=seconds)
     files = {}
     for line in text.splitlines():
         fields = line.split(" ")
@@ -283,6 +283,7 @@ class Harness:
         """Waits for the orderly reboot; meanwhile reads the files about once a second, to
         know the stretch's end should a cut keep it from booting after an orderly reboot."""
         deadline = Deadline(seconds)
+        last = None
         while not deadline.expired():
             try:
                 board.console.wait(HALTED, Deadline(1))
@@ -291,15 +292,16 @@ class Harness:
                 if "within" not in str(error):
                     raise
             try:
-                files = guest_files(board)
+                # Briefly: a shell that the shutdown ends never answers.
+                files = guest_files(board, seconds=3)
             except ConsoleError as error:
                 if "within" in str(error):
                     continue
                 raise
-            # Only once every file the stretch changes has changed: the state it reboots on.
-            changed = all(files[path] != start_files[path] for path in CHANGES[stretch])
-            if changed:
+            # Once the files say the next stretch and hold still: the state the board reboots on.
+            if stretch_of(files) == stretch + 1 and last is not None and key(files) == key(last):
                 self.polled[stretch] = files
+            last = files
         raise ConsoleError(f"the board did not reboot within {deadline.seconds:.0f} s")
 
     def play(self, folder, stretch, start_files, cut):
