@@ -31,6 +31,7 @@ FIRST_ACCENT = (114, 374)
 
 RESERVE_PIN = 202
 HALTED = rb"board: halted"
+BENCH_ENDED = rb"board: the bench ended with status \d+"
 PANEL = "[fResultDisplay] "
 CLEARED = PANEL + "cleared"
 SAVED_LOG = "/nand/bench.previous.log"
@@ -146,19 +147,23 @@ class Cycle:
     # --- boots ------------------------------------------------------------------------------
 
     def wait_reboot(self, boot, seconds):
-        """Waits for the board's orderly shutdown, keeping the screen as it was just before."""
+        """Waits for the board's orderly shutdown, keeping the screen as it was just before. A
+        bench that ends without the board going down within a while has failed: no use waiting."""
         deadline = Deadline(seconds)
         last = None
-        while not deadline.expired():
+        while True:
             try:
-                self.board.console.wait(HALTED, Deadline(1.5))
+                self.board.console.wait(HALTED, Deadline(1.5), failures=[BENCH_ENDED])
                 break
             except ConsoleError as error:
+                if "bench ended" in str(error):
+                    self.board.console.wait(HALTED, Deadline(20))
+                    break
                 if "within" not in str(error):
                     raise
+            if deadline.expired():
+                raise ConsoleError(f"boot {boot} did not reboot within {deadline.seconds:.0f} s")
             last = self.shot("last")
-        else:
-            raise ConsoleError(f"boot {boot} did not reboot within {deadline.seconds:.0f} s")
         self.log("  reboot requested")
         if last is not None:
             self.keep(last, f"boot{boot}-reboot")

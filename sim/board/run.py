@@ -143,6 +143,10 @@ def main():
     finally:
         keep_guest_logs(board, out)
         board.stop()
+        # The screendumps the steps compared; what is worth keeping was saved as PNG.
+        for name in os.listdir(out):
+            if name.endswith(".ppm"):
+                os.remove(os.path.join(out, name))
     return status
 
 
