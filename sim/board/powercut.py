@@ -49,7 +49,7 @@ import threading
 import time
 
 from console import ConsoleError
-from cycle import HALTED, PANEL, Cycle
+from cycle import BENCH_ENDED, HALTED, PANEL, Cycle
 from deadline import Deadline
 from machine import Machine
 from nand import read_after_cut
@@ -286,9 +286,13 @@ class Harness:
         last = None
         while not deadline.expired():
             try:
-                board.console.wait(HALTED, Deadline(1))
+                board.console.wait(HALTED, Deadline(1), failures=[BENCH_ENDED])
                 return
             except ConsoleError as error:
+                if "bench ended" in str(error):
+                    # A bench that ends is followed by the reboot at once, or has failed.
+                    board.console.wait(HALTED, Deadline(20))
+                    return
                 if "within" not in str(error):
                     raise
             try:
