@@ -474,7 +474,7 @@ class Harness:
                 verdict += (f" (new {', '.join(unverified)} not compared: the cycle never showed "
                             f"that stretch's end uncut)")
             print(f"  cut {cut.number:2} {cut.where()}: {show(cut.left)} -> "
-                  f"{cut.came_back or 'cut again before the bench started'}: {verdict}")
+                  f"{cut.came_back or 'cut again before what it started was seen'}: {verdict}")
         if self.lengths:
             print("powercut: uncut stretches took " + ", ".join(
                 f"{STRETCHES[s]} {n:.0f} s" for s, n in sorted(self.lengths.items())))
