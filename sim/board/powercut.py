@@ -16,9 +16,9 @@ The cycle's boots, the stretches of time the instants are drawn over:
   stretch 3  handed over: the starter names the production application
 Each instant is a stretch and a time since that boot's start (QEMU's start or the reboot before
 it). The N instants are spread evenly over the nominal length of the cycle, one drawn at random in
-each N-th of it. A cut whose stretch the unit has already left (an earlier cut brought it back one
-phase later) is made at the same time in the stretch the unit is in; one whose boot ends before
-its time is made at that reboot.
+each N-th of it. When a cut brings the unit back one phase later, the cuts drawn in the stretch it
+left are drawn again, spread in the same way over what is left of the cycle; a cut whose boot ends
+before its time is made at that reboot.
 
 Judgement of a cut in stretch S, against the files at the start of the same boot (START) and at the
 end of stretch S as the cycle left them uncut (END: read on the board when it next booted after an
@@ -68,6 +68,8 @@ BENCH, PRODUCTION = "tov_test", "tovQT"
 # seconds, those after the bench writes its files, without cuts; a shorter one gets the surplus
 # cuts at its reboot.
 NOMINAL = (85, 74, 85)
+# The handed-over unit's boot, where cuts land only when the cycle ended before them.
+HANDED_OVER = 30
 STRETCHES = ("first boot: form and phase 1", "phase 2", "phase 3 and hand-over", "handed over")
 # The files each stretch changes, in the order the cycle changes them.
 CHANGES = {0: (IFACES, PHASE), 1: (PHASE,), 2: (STARTER, PHASE, IFACES), 3: ()}
@@ -225,17 +227,24 @@ class Cut:
         return f"{STRETCHES[self.made_in]} +{self.at:.1f} s{self.note}"
 
 
-def plan(rng, count):
-    total = sum(NOMINAL)
-    cuts = []
+def spread(rng, count, first=0):
+    """COUNT instants, one drawn in each COUNT-th of the cycle from stretch FIRST on (the handed
+    over unit alone when FIRST is its stretch): [(stretch, seconds)]."""
+    lengths = list(NOMINAL[first:]) if first < len(NOMINAL) else [HANDED_OVER]
+    total = sum(lengths)
+    instants = []
     for i in range(count):
         instant = (i + rng.random()) * total / count
         stretch = 0
-        while instant >= NOMINAL[stretch]:
-            instant -= NOMINAL[stretch]
+        while instant >= lengths[stretch]:
+            instant -= lengths[stretch]
             stretch += 1
-        cuts.append(Cut(i + 1, stretch, instant))
-    return cuts
+        instants.append((first + stretch, instant))
+    return instants
+
+
+def plan(rng, count):
+    return [Cut(i + 1, stretch, seconds) for i, (stretch, seconds) in enumerate(spread(rng, count))]
 
 
 class Cutter:
@@ -456,6 +465,14 @@ class Harness:
             if stretch is None:
                 self.fail(f"cut {cut.number}: the unit cannot boot into the cycle again: {show(start)}")
                 break
+            # The cut brought the unit past stretches whose cuts are still to make: they are
+            # drawn again over what is left of the cycle, so that they stay spread over it.
+            behind = [c for c in pending if c.stretch < stretch]
+            if behind:
+                for c, (s2, seconds) in zip(behind, spread(rng, len(behind), stretch)):
+                    c.note = f" (drawn again: the unit had left {STRETCHES[c.stretch]})"
+                    c.stretch, c.seconds = s2, seconds
+                pending.sort(key=lambda c: (c.stretch, c.seconds))
         minutes = (time.monotonic() - started) / 60
         print(f"\npowercut: cuts (seed {seed}):")
         failed = unjudged = 0
