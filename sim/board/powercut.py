@@ -1,0 +1,530 @@
+#!/usr/bin/python3
+"""The factory cycle on the emulated board with the power pulled at random instants.
+
+Run inside a simulated unit by sim/board/powercut, like run.py. The cycle is played by touch as
+cycle.py plays it; at each of the chosen instants QEMU is killed outright (SIGKILL: no shutdown,
+no flush of the guest's caches, whatever the disk had not yet been given is lost). Between the cut
+and the next boot the NAND image is read on this machine (nand.py); then the board boots again
+from the same image and the cycle goes on from wherever the unit came back, until the hand-over.
+
+    powercut.py --out DIR --kernel FILE --initrd FILE --disk FILE --cuts N --seed S
+
+The cycle's boots, the stretches of time the instants are drawn over:
+  stretch 0  first boot: the network form (the interfaces file), test phase 1, the phase file
+  stretch 1  test phase 2, the phase file
+  stretch 2  test phase 3, the hand-over: starter, phase file deleted, factory interfaces file
+  stretch 3  handed over: the starter names the production application
+Each instant is a stretch and a time since that boot's start (QEMU's start or the reboot before
+it). The N instants are spread evenly over the nominal length of the cycle, one drawn at random in
+each N-th of it. When a cut brings the unit back one phase later, the cuts drawn in the stretch it
+left are drawn again, spread in the same way over what is left of the cycle; a cut whose boot ends
+before its time is made at that reboot.
+
+Judgement of a cut in stretch S, against the files at the start of the same boot (START) and at the
+end of stretch S as the cycle left them uncut (END: read on the board when it next booted after an
+orderly reboot, or, when no pass of S ended that way, read on the board after the bench had written
+them all; when neither was seen, the changed files are only named as not compared and the unit must
+come back to START's phase or the next one):
+  - the file system needs nothing beyond its journal's replay;
+  - the starter, the phase file and the interfaces file each are as at START or as at END, mode
+    included (a file the stretch does not change: as at START);
+  - together they are as at one instant of the stretch: the stretch changes its files one after
+    the other, each on the NAND before the next (CHANGES below), so the files already changed are
+    the first ones of that order;
+  - the board's next boot sees the same files as this machine read, and starts what they say:
+    the form (no phase file), the test with the phase file's phase, or the production application
+    (a stand-in in /home/TOV shows that the starter starts it);
+  - the unit comes back where the cycle was at that instant: what START or END, or a state between
+    them, starts.
+In the end the cycle must reach the hand-over: the starter names the production application and
+starts it, the phase file is gone.
+"""
+import argparse
+import base64
+import os
+import random
+import sys
+import tempfile
+import threading
+import time
+
+from console import ConsoleError
+from cycle import BENCH_ENDED, HALTED, PANEL, Cycle
+from deadline import Deadline
+from machine import Machine
+from nand import read_after_cut
+from run import TAPS, bench_running, setup_network, wait_for_screen
+
+STARTER = "/home/TOV/tov_starter"
+PHASE = "/home/TOV/tov_test.cfg"
+IFACES = "/etc/network/interfaces"
+FILES = (STARTER, PHASE, IFACES)
+NAMES = {STARTER: "starter", PHASE: "phase file", IFACES: "interfaces"}
+BENCH, PRODUCTION = "tov_test", "tovQT"
+
+# Nominal length of each stretch in seconds, from QEMU's start or the reboot to the next reboot
+# (the form taken as the harness's operator takes it): a little over what the board took here
+# (71 to 80 s, up to 90 s on a loaded machine). A longer real stretch would leave its last
+# seconds, those after the bench writes its files, without cuts; a shorter one gets the surplus
+# cuts at its reboot.
+NOMINAL = (85, 74, 85)
+# The handed-over unit's boot, where cuts land only when the cycle ended before them.
+HANDED_OVER = 30
+STRETCHES = ("first boot: form and phase 1", "phase 2", "phase 3 and hand-over", "handed over")
+# The files each stretch changes, in the order the cycle changes them.
+CHANGES = {0: (IFACES, PHASE), 1: (PHASE,), 2: (STARTER, PHASE, IFACES), 3: ()}
+FIRST_TEST_LINE = "Kernel Version"
+# What the unit starts once a stretch's files are all written.
+NEXT = {0: "test after phase 1", 1: "test after phase 2", 2: "production", 3: "production"}
+
+
+def program_of(files):
+    starter = files.get(STARTER)
+    if starter is None:
+        return None
+    for line in starter[0].decode("utf-8", "replace").splitlines():
+        if line.startswith("TOV_BIN_NAME="):
+            return line[len("TOV_BIN_NAME="):].strip()
+    return ""
+
+
+def phase_of(files):
+    phase = files.get(PHASE)
+    if phase is None:
+        return 0
+    first = phase[0].split(b"\n", 1)[0].strip()
+    return int(first) if first.isdigit() else None
+
+
+def stretch_of(files):
+    """The stretch a boot on FILES is in, or None when the unit cannot go on from them."""
+    program = program_of(files)
+    if program == PRODUCTION:
+        return 3
+    if program != BENCH:
+        return None
+    phase = phase_of(files)
+    return phase if phase in (0, 1, 2) else None
+
+
+def outcome_of(files):
+    """What a boot on FILES starts, as the judgement names it."""
+    program = program_of(files)
+    if program == PRODUCTION:
+        return "production"
+    if program != BENCH:
+        return f"starter names '{program}'" if program is not None else "no starter"
+    phase = phase_of(files)
+    if phase == 0:
+        return "form"
+    return f"test after phase {phase}" if phase is not None else "bench with an unreadable phase file"
+
+
+def key(files):
+    return tuple(files.get(path) for path in FILES)
+
+
+def show(files):
+    parts = []
+    for path in FILES:
+        f = files.get(path)
+        if f is None:
+            parts.append(f"{NAMES[path]} missing")
+        elif path == PHASE:
+            first = f[0].decode("utf-8", "replace").split("\n", 1)[0].strip()
+            parts.append(f"phase file {first or '(empty)'}")
+        elif path == STARTER:
+            parts.append(f"starter {program_of(files) or '(no program)'} {f[1]:o}")
+        else:
+            parts.append(f"interfaces {len(f[0])} B")
+    return ", ".join(parts)
+
+
+def between(start, end, stretch):
+    """The file sets one instant of STRETCH can leave: the files it changes, in their order, the
+    first k as at END and the others as at START."""
+    order = CHANGES[stretch]
+    states = []
+    for k in range(len(order) + 1):
+        files = dict(start)
+        for path in order[:k]:
+            files[path] = end.get(path)
+        states.append(files)
+    return states
+
+
+# --- the board and its files ------------------------------------------------------------------
+
+READ = "; ".join(f"if [ -f {p} ]; then echo \"{p} $(stat -c %a {p}) $(base64 -w0 <{p})\"; "
+                 f"else echo \"{p} -\"; fi" for p in FILES)
+
+
+def guest_files(board, seconds=30):
+    """The three files as the running board sees them: {path: (content, mode) or None}."""
+    _, text = board.run(READ, seconds=seconds)
+    files = {}
+    for line in text.splitlines():
+        fields = line.split(" ")
+        if len(fields) >= 2 and fields[0] in FILES:
+            if fields[1] == "-":
+                files[fields[0]] = None
+            elif fields[1].isdigit():
+                content = base64.b64decode(fields[2]) if len(fields) > 2 else b""
+                files[fields[0]] = (content, int(fields[1], 8))
+    if set(files) != set(FILES):
+        # As when the shutdown unmounts the NAND while they are read.
+        raise ConsoleError(f"the board did not list its files: {text!r}")
+    return files
+
+
+STAND_IN = ("printf '#!/bin/sh\\necho started >/run/board/production\\n' >/home/TOV/tovQT && "
+            "chmod 0755 /home/TOV/tovQT && rm -f /run/board/production && "
+            "(cd /home/TOV && timeout 20 ./tov_starter >/dev/null 2>&1); cat /run/board/production")
+
+
+def observe(board, cycle, files, folder, boot):
+    """What the boot started, seen on the board: (outcome, the form's picture or None)."""
+    program = program_of(files)
+    if program == PRODUCTION:
+        _, said = board.run(STAND_IN, seconds=40, check=False)
+        return ("production" if "started" in said else "production application not started"), None
+    if program != BENCH:
+        return outcome_of(files), None
+    deadline = Deadline(30)
+    while not bench_running(board):
+        if deadline.expired():
+            return "the bench does not start", None
+        time.sleep(1)
+    phase = phase_of(files)
+    if phase == 0:
+        return "form", wait_for_screen(board, folder, f"boot{boot}-form")
+    deadline = Deadline(120)
+    while not deadline.expired():
+        log = board.run("cat /run/board/bench.log", check=False)[1]
+        if any(line.startswith(PANEL + FIRST_TEST_LINE) for line in log.splitlines()):
+            return f"test after phase {phase}", None
+        if not bench_running(board):
+            return "the bench stopped", None
+        time.sleep(2)
+    return "the bench started no test", None
+
+
+# --- the cuts ---------------------------------------------------------------------------------
+
+class Cut:
+    def __init__(self, number, stretch, seconds):
+        self.number, self.stretch, self.seconds = number, stretch, seconds
+        self.made_in = None  # the stretch the unit was in
+        self.at = None  # seconds after that boot's start
+        self.note = ""
+        self.start = None  # the files at the start of that boot
+        self.left = None  # what the cut left, read from the image
+        self.fs = None
+        self.seen = None  # the files the next boot saw
+        self.came_back = None  # what that boot started
+
+    def where(self):
+        return f"{STRETCHES[self.made_in]} +{self.at:.1f} s{self.note}"
+
+
+def spread(rng, count, first=0):
+    """COUNT instants, one drawn in each COUNT-th of the cycle from stretch FIRST on (the handed
+    over unit alone when FIRST is its stretch): [(stretch, seconds)]."""
+    lengths = list(NOMINAL[first:]) if first < len(NOMINAL) else [HANDED_OVER]
+    total = sum(lengths)
+    instants = []
+    for i in range(count):
+        instant = (i + rng.random()) * total / count
+        stretch = 0
+        while instant >= lengths[stretch]:
+            instant -= lengths[stretch]
+            stretch += 1
+        instants.append((first + stretch, instant))
+    return instants
+
+
+def plan(rng, count):
+    return [Cut(i + 1, stretch, seconds) for i, (stretch, seconds) in enumerate(spread(rng, count))]
+
+
+class Cutter:
+    """Pulls the board's power at a set time: QEMU killed, nothing of the guest flushed."""
+
+    def __init__(self, board):
+        self.board = board
+        self.timer = None
+        self.fired = None
+        self.lock = threading.Lock()
+
+    def arm(self, when):
+        self.timer = threading.Timer(max(0.0, when - time.monotonic()), self.fire)
+        self.timer.daemon = True
+        self.timer.start()
+
+    def armed(self):
+        return self.timer is not None and self.fired is None
+
+    def fire(self):
+        with self.lock:
+            if self.fired is None and self.board.alive():
+                self.board.process.kill()
+                self.fired = time.monotonic()
+
+    def cancel(self):
+        if self.timer is not None:
+            self.timer.cancel()
+
+
+class Harness:
+    def __init__(self, args):
+        self.args = args
+        self.out = args.out
+        self.scratch = tempfile.mkdtemp(prefix="powercut-", dir=args.out)
+        self.end = {}  # stretch -> the files at its end, uncut
+        self.polled = {}  # stretch -> files read twice in a row after its writes
+        self.lengths = {}  # stretch -> seconds of an uncut pass
+        self.failures = []
+        self.final = None
+        self.last_cut = None
+
+    def fail(self, text):
+        print(f"powercut: FAIL {text}", flush=True)
+        self.failures.append(text)
+
+    def wait_reboot(self, board, stretch, start_files, seconds=600):
+        """Waits for the orderly reboot; meanwhile reads the files about once a second, to
+        know the stretch's end should a cut keep it from booting after an orderly reboot."""
+        # Counted over all the console said: a reading of the files skips what came before it.
+        console = board.console
+        halts, ends = console.count(HALTED), console.count(BENCH_ENDED)
+        deadline = Deadline(seconds)
+        while not deadline.expired():
+            ended = None
+            pause = Deadline(1)
+            while not pause.expired() or ended is not None:
+                if console.count(HALTED) > halts:
+                    return
+                if console.closed:
+                    raise ConsoleError("QEMU closed the console")
+                if ended is None and console.count(BENCH_ENDED) > ends:
+                    # A bench that ends is followed by the reboot at once, or has failed.
+                    ended = Deadline(20)
+                if ended is not None and ended.expired():
+                    raise ConsoleError("the bench ended and the board did not reboot")
+                time.sleep(0.1)
+            try:
+                # Briefly: a shell that the shutdown ends never answers.
+                files = guest_files(board, seconds=3)
+            except ConsoleError as error:
+                if "within" in str(error) or "did not list" in str(error):
+                    continue
+                raise
+            # Once the files say the next stretch, the last reading before the reboot: the state
+            # the board reboots on (the bench replaces its files whole, and all within moments).
+            if stretch_of(files) == stretch + 1:
+                self.polled[stretch] = files
+        raise ConsoleError(f"the board did not reboot within {deadline.seconds:.0f} s")
+
+    def play(self, folder, stretch, start_files, cut):
+        """One life of the board, from QEMU's start to a cut or the hand-over. Returns True at
+        the hand-over with no cut left, False after a cut."""
+        os.makedirs(folder, exist_ok=True)
+        board = Machine(self.args.kernel, self.args.initrd, self.args.disk, folder, "/dev/ttySAC1", TAPS)
+        cycle = Cycle(board, folder)
+        cutter = Cutter(board)
+        first_boot = True
+        try:
+            board.start()
+            began = time.monotonic()
+            while True:
+                if cut is not None and not cutter.armed() and cutter.fired is None and cut.stretch <= stretch:
+                    if cut.stretch < stretch:
+                        cut.note = f" (drawn in {STRETCHES[cut.stretch]}, which the unit had left)"
+                    # After a cut the image's files are this boot's start; after an orderly
+                    # reboot, what the board reads once up (or the stretch's end before it).
+                    cut.made_in, cut.start = stretch, start_files if first_boot else None
+                    cutter.arm(began + cut.seconds)
+                boot = board.wait_boot()
+                files = guest_files(board)
+                if cut is not None and cut.made_in == stretch and cut.start is None:
+                    cut.start = files
+                came_back, form = observe(board, cycle, files, folder, boot)
+                if first_boot and self.last_cut is not None:
+                    self.last_cut.seen, self.last_cut.came_back = files, came_back
+                elif not first_boot:
+                    # After an orderly reboot: the stretch's end, uncut.
+                    self.end.setdefault(stretch - 1, files)
+                    if stretch_of(files) != stretch:
+                        raise ConsoleError(f"after the orderly end of {STRETCHES[stretch - 1]} the unit "
+                                           f"came back with {show(files)}")
+                first_boot = False
+                start_files = files
+                print(f"powercut:   boot {boot} in {STRETCHES[stretch]}: {show(files)}; {came_back}",
+                      flush=True)
+                if stretch == 3:
+                    self.final = (files, came_back)
+                    if cutter.armed():
+                        # A cut still to make after the hand-over: the unit idles until then.
+                        while True:
+                            board.run("true")
+                            time.sleep(1)
+                    return True
+                if form is not None:
+                    cycle.operate_form(form)
+                self.wait_reboot(board, stretch, start_files)
+                self.lengths.setdefault(stretch, time.monotonic() - began)
+                if cutter.armed():
+                    cut.note = f" (at the reboot: the boot ended after {time.monotonic() - began:.0f} s)"
+                    cutter.cancel()
+                    cutter.fire()
+                    raise ConsoleError("cut at the reboot")
+                began = time.monotonic()
+                stretch += 1
+        except Exception as error:
+            cutter.cancel()
+            if cutter.fired is None:
+                raise
+            cut.at = cutter.fired - began
+            return False
+        finally:
+            cutter.cancel()
+            board.stop()
+            for end in (board.console, board.qmp):
+                try:
+                    end.sock.close()
+                except Exception:
+                    pass
+
+    def judge(self, cut):
+        """(failures, files whose new version could not be checked) of one cut."""
+        s = cut.made_in
+        start = cut.start or self.end.get(s - 1) or self.polled.get(s - 1)
+        if start is None:
+            start = cut.left
+        end = start if s == 3 else self.end.get(s) or self.polled.get(s)
+        problems, unverified = [], []
+        if cut.fs not in ("clean", "journal replayed"):
+            problems.append(f"file system {cut.fs}")
+        left = cut.left
+        for path in FILES:
+            if path in CHANGES[s] and end is None:
+                if left[path] != start[path]:
+                    unverified.append(NAMES[path])
+                continue
+            allowed = {start[path]} | ({end[path]} if path in CHANGES[s] else set())
+            if left[path] not in allowed:
+                what = "missing" if left[path] is None else (
+                    "empty" if not left[path][0] else "neither as before nor as after")
+                problems.append(f"{NAMES[path]} {what}")
+        if end is not None:
+            instants = between(start, end, s)
+            if not problems and key(left) not in {key(f) for f in instants}:
+                problems.append("the files are not as at any one instant (a later change without an earlier one)")
+            allowed = {outcome_of(f) for f in instants}
+        else:
+            allowed = {outcome_of(start), NEXT[s]}
+        if cut.seen is not None and key(cut.seen) != key(left):
+            problems.append(f"the board saw other files than the image held: {show(cut.seen)}")
+        came_back = cut.came_back or outcome_of(left)
+        if came_back not in allowed:
+            problems.append(f"came back to '{came_back}' where the cycle was at "
+                            f"{' or '.join(sorted(allowed))}")
+        return problems, unverified
+
+    def run(self):
+        args = self.args
+        seed = args.seed
+        rng = random.Random(seed)
+        cuts = plan(rng, args.cuts)
+        print(f"powercut: {len(cuts)} cuts, seed {seed}, over a cycle of about {sum(NOMINAL)} s "
+              f"({', '.join(f'{STRETCHES[i]} {n} s' for i, n in enumerate(NOMINAL))})", flush=True)
+        setup_network(self.out)
+        start, fs = read_after_cut(args.disk, FILES, self.scratch)
+        stretch = stretch_of(start)
+        if stretch != 0:
+            self.fail(f"the fresh NAND is not at the cycle's start: {show(start)}")
+            return 1
+        self.last_cut = None
+        pending = list(cuts)
+        life = 0
+        started = time.monotonic()
+        finished = False
+        while True:
+            life += 1
+            cut = pending[0] if pending else None
+            folder = os.path.join(self.out, f"life{life:02d}")
+            try:
+                done = self.play(folder, stretch, start, cut)
+            except Exception as error:
+                self.fail(f"{error} (logs in {folder})")
+                break
+            if done:
+                finished = True
+                break
+            pending.pop(0)
+            self.last_cut = cut
+            cut.left, cut.fs = read_after_cut(args.disk, FILES, self.scratch)
+            print(f"powercut: cut {cut.number}/{len(cuts)} in {cut.where()}: {show(cut.left)}; "
+                  f"file system {cut.fs}", flush=True)
+            start = cut.left
+            stretch = stretch_of(start)
+            if stretch is None:
+                self.fail(f"cut {cut.number}: the unit cannot boot into the cycle again: {show(start)}")
+                break
+            # The cut brought the unit past stretches whose cuts are still to make: they are
+            # drawn again over what is left of the cycle, so that they stay spread over it.
+            behind = [c for c in pending if c.stretch < stretch]
+            if behind:
+                for c, (s2, seconds) in zip(behind, spread(rng, len(behind), stretch)):
+                    c.note = f" (drawn again: the unit had left {STRETCHES[c.stretch]})"
+                    c.stretch, c.seconds = s2, seconds
+                pending.sort(key=lambda c: (c.stretch, c.seconds))
+        minutes = (time.monotonic() - started) / 60
+        print(f"\npowercut: cuts (seed {seed}):")
+        failed = unjudged = 0
+        for cut in cuts:
+            if cut.left is None:
+                print(f"  cut {cut.number:2}: not made")
+                unjudged += 1
+                continue
+            problems, unverified = self.judge(cut)
+            if problems:
+                verdict = "FAIL " + "; ".join(problems)
+                failed += 1
+            else:
+                verdict = "ok"
+            if unverified:
+                verdict += (f" (new {', '.join(unverified)} not compared: the cycle never showed "
+                            f"that stretch's end uncut)")
+            print(f"  cut {cut.number:2} {cut.where()}: {show(cut.left)} -> "
+                  f"{cut.came_back or 'cut again before what it started was seen'}: {verdict}")
+        if self.lengths:
+            print("powercut: uncut stretches took " + ", ".join(
+                f"{STRETCHES[s]} {n:.0f} s" for s, n in sorted(self.lengths.items())))
+        if finished:
+            files, came_back = self.final
+            print(f"powercut: the cycle finished: {show(files)}; {came_back}")
+            if files[PHASE] is not None or came_back != "production":
+                self.fail("the hand-over left a phase file or did not start the production application")
+        else:
+            self.fail("the cycle did not reach the hand-over")
+        good = finished and not failed and not self.failures and unjudged == 0
+        print(f"powercut: {'PASS' if good else 'FAIL'}: {len(cuts)} cuts, {failed} failed, "
+              f"{unjudged} not made, cycle {'finished' if finished else 'not finished'}, "
+              f"{minutes:.1f} min (seed {seed})")
+        return 0 if good else 1
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--out", required=True)
+    parser.add_argument("--kernel", required=True)
+    parser.add_argument("--initrd", required=True)
+    parser.add_argument("--disk", required=True)
+    parser.add_argument("--cuts", type=int, default=20)
+    parser.add_argument("--seed", type=int, required=True)
+    return Harness(parser.parse_args()).run()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
