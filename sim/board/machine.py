@@ -5,6 +5,7 @@ its root, the NAND as an ext4 virtio disk, the screen as virtio-gpu (/dev/fb0), 
 as a virtio tablet, eth0 and wlan0 as virtio NICs on taps, and the RS-485 port as a 16550 UART
 whose host end is a tty. The serial console and QMP are unix sockets in the run's folder.
 """
+import argparse
 import os
 import re
 import subprocess
@@ -19,6 +20,15 @@ CONSOLE_READY = rb"board: console ready\r?\n"
 # The tablet's axes run over 0..32767 whatever the screen's size.
 TABLET_MAX = 32767
 SCREEN_W, SCREEN_H = 640, 480
+
+
+def board_arguments():
+    """The command line every harness of the board starts from: where its run goes and what the
+    board boots (sim/board/board passes them)."""
+    parser = argparse.ArgumentParser()
+    for name in ("--out", "--kernel", "--initrd", "--disk"):
+        parser.add_argument(name, required=True)
+    return parser
 
 
 class Machine:

@@ -39,7 +39,6 @@ come back to START's phase or the next one):
 In the end the cycle must reach the hand-over: the starter names the production application and
 starts it, the phase file is gone.
 """
-import argparse
 import base64
 import os
 import random
@@ -51,7 +50,7 @@ import time
 from console import ConsoleError
 from cycle import BENCH_ENDED, HALTED, PANEL, Cycle
 from deadline import Deadline
-from machine import Machine
+from machine import Machine, board_arguments
 from nand import read_after_cut
 from run import TAPS, bench_running, setup_network, wait_for_screen
 
@@ -516,11 +515,7 @@ class Harness:
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--out", required=True)
-    parser.add_argument("--kernel", required=True)
-    parser.add_argument("--initrd", required=True)
-    parser.add_argument("--disk", required=True)
+    parser = board_arguments()
     parser.add_argument("--cuts", type=int, default=20)
     parser.add_argument("--seed", type=int, required=True)
     return Harness(parser.parse_args()).run()

@@ -9,7 +9,6 @@ server side, QEMU boots the board, and the steps asked for run; everything lands
     run.py --out DIR --kernel FILE --initrd FILE --disk FILE [--manual]
            [--steps first-screen|touch|phase|cycle] [--run COMMAND]...
 """
-import argparse
 import os
 import subprocess
 import sys
@@ -17,7 +16,7 @@ import time
 
 from console import ConsoleError
 from deadline import Deadline
-from machine import Machine
+from machine import Machine, board_arguments
 from picture import Picture
 from cycle import Cycle
 
@@ -114,11 +113,7 @@ def keep_guest_logs(board, out):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--out", required=True)
-    parser.add_argument("--kernel", required=True)
-    parser.add_argument("--initrd", required=True)
-    parser.add_argument("--disk", required=True)
+    parser = board_arguments()
     parser.add_argument("--manual", action="store_true")
     parser.add_argument("--steps", default="first-screen")
     parser.add_argument("--run", action="append", default=[])
