@@ -41,7 +41,7 @@ module_check_options() {
 # Inside the unit, after pivot_root: the control node and its library, then the emulator and the
 # serial port. Sets MODULE_PRELOAD, the library for COMMAND (empty when it was not built).
 setup_module() {
-    local emulator=$TOVSIM_BIN_DIR/module_emulator ready=/run/tovsim/module.pty pid
+    local emulator=$TOVSIM_BIN_DIR/module_emulator ready=/run/tovsim/module.pty pid status
     touch /dev/rs485_Ctrl /run/tovsim/rs485.journal
     mount --bind /dev/null /dev/rs485_Ctrl
     MODULE_PRELOAD=$TOVSIM_BIN_DIR/librs485ctl.so
@@ -63,7 +63,10 @@ setup_module() {
     pid=$!
     for _ in $(seq 500); do
         [[ -s $ready ]] && break
-        kill -0 "$pid" 2>/dev/null || die "module emulator failed: $(cat /run/tovsim/module.err)"
+        if ! kill -0 "$pid" 2>/dev/null; then
+            wait "$pid" && status=0 || status=$?
+            die "module emulator ended at its start with status $status: $(cat /run/tovsim/module.err)"
+        fi
         sleep 0.01
     done
     [[ -s $ready ]] || die "module emulator did not start"

@@ -78,19 +78,25 @@ net_server_exec() {
     nsenter --net="/proc/$(net_server_pid)/ns/net" -- "$@"
 }
 
-# net_server_start COMMAND...: starts a service on the server side, in the background. It ends
-# with the unit.
+# net_server_start COMMAND...: starts a service on the server side, in the background (its pid in
+# NET_SERVER_STARTED). It ends with the unit.
 net_server_start() {
     net_server_exec "$@" </dev/null &
+    NET_SERVER_STARTED=$!
 }
 
-# net_server_wait_port PORT: waits until something listens on PORT of the server side.
+# net_server_wait_port PORT: waits until something listens on PORT of the server side; a service
+# that ended first stops the unit at once, its own words above.
 net_server_wait_port() {
-    local hex tries
+    local hex tries status
     hex=$(printf '%04X' "$1")
     for tries in $(seq 200); do
         awk -v p=":$hex" '$2 ~ p"$" && $4 == "0A" {found=1} END {exit !found}' \
             "/proc/$(net_server_pid)/net/tcp" && return 0
+        if ! kill -0 "$NET_SERVER_STARTED" 2>/dev/null; then
+            wait "$NET_SERVER_STARTED" && status=0 || status=$?
+            die "the server for port $1 of the server side ended at its start with status $status"
+        fi
         sleep 0.02
     done
     die "nothing listens on port $1 of the server side"

@@ -126,5 +126,25 @@ carrier 1" "$(cat "$SCRATCH/out")"
     check "no unit of that name any more" 2 "$?"
 }
 
+# A peer of the unit that ends at its start stops the unit at once, with the peer's own words and
+# status, before the command runs.
+case_peer_that_fails_to_start() {
+    local peer program options out status
+    for peer in "tov_tcplisten --watchtower down" "module_emulator --module v2"; do
+        read -r program options <<<"$peer"
+        mv "$BIN/$program" "$BIN/$program.kept"
+        printf '#!/bin/sh\necho "%s: cannot start" >&2\nexit 3\n' "$program" >"$BIN/$program"
+        chmod +x "$BIN/$program"
+        # shellcheck disable=SC2086 # the options are words
+        out=$(timeout 20 "$TOVSIM" exec $options -- touch "$SCRATCH/ran" 2>&1)
+        status=$?
+        mv "$BIN/$program.kept" "$BIN/$program"
+        check "$program: the unit stops" 2 "$status"
+        check "$program: the command never ran" "no" "$([[ -e $SCRATCH/ran ]] && echo yes || echo no)"
+        check "$program: its words and status are shown" "yes" \
+            "$([[ $out == *"$program: cannot start"* && $out == *"status 3"* ]] && echo yes || echo "no: $out")"
+    done
+}
+
 "case_$1"
 [[ $failures -eq 0 ]]
