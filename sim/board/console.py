@@ -21,8 +21,8 @@ FAILURES = [re.compile(rb"Kernel panic - not syncing"), re.compile(rb"Unable to 
 
 
 class Console:
-    def __init__(self, path, log_path, deadline):
-        self.sock = connect_unix(path, deadline)
+    def __init__(self, path, log_path, deadline, alive=lambda: True):
+        self.sock = connect_unix(path, deadline, alive)
         if self.sock is None:
             raise ConsoleError(f"no console socket at {path}")
         self.log = open(log_path, "ab", buffering=0)

@@ -22,10 +22,10 @@ class Deadline:
         return time.monotonic() >= self.end
 
 
-def connect_unix(path, deadline):
+def connect_unix(path, deadline, alive=lambda: True):
     """A stream socket connected to PATH, which QEMU creates some time after it starts; None when
-    the deadline passes first."""
-    while True:
+    the deadline passes first or ALIVE says the one who would create it has ended."""
+    while alive():
         sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         try:
             sock.connect(path)
@@ -35,3 +35,4 @@ def connect_unix(path, deadline):
             if deadline.expired():
                 return None
             time.sleep(0.05)
+    return None

@@ -31,6 +31,15 @@ def board_arguments():
     return parser
 
 
+class StartError(Exception):
+    """A program the harness started ended before it was ready."""
+
+
+def log_tail(path, lines=10):
+    with open(path, "rb") as f:
+        return b"".join(f.readlines()[-lines:]).decode(errors="replace").strip()
+
+
 class Machine:
     def __init__(self, kernel, initrd, disk, folder, uart, taps, append="", window=False):
         self.folder = folder
@@ -69,8 +78,15 @@ class Machine:
         self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL,
                                         stdout=self.qemu_log, stderr=subprocess.STDOUT)
         deadline = Deadline(30)
-        self.console = Console(self.console_path, os.path.join(self.folder, "console.log"), deadline)
-        self.qmp = Qmp(self.qmp_path, deadline)
+        try:
+            self.console = Console(self.console_path, os.path.join(self.folder, "console.log"),
+                                   deadline, self.alive)
+            self.qmp = Qmp(self.qmp_path, deadline, self.alive)
+        except Exception:
+            if not self.alive():
+                raise StartError(f"QEMU ended at its start with status {self.process.returncode}: "
+                                 + log_tail(os.path.join(self.folder, "qemu.log")))
+            raise
 
     def alive(self):
         return self.process is not None and self.process.poll() is None

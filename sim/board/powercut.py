@@ -50,7 +50,7 @@ import time
 from console import ConsoleError
 from cycle import BENCH_ENDED, HALTED, PANEL, Cycle
 from deadline import Deadline
-from machine import Machine, board_arguments
+from machine import Machine, StartError, board_arguments
 from nand import read_after_cut
 from run import TAPS, bench_running, setup_network, wait_for_screen
 
@@ -437,7 +437,11 @@ class Harness:
         cuts = plan(rng, args.cuts)
         print(f"powercut: {len(cuts)} cuts, seed {seed}, over a cycle of about {sum(NOMINAL)} s "
               f"({', '.join(f'{STRETCHES[i]} {n} s' for i, n in enumerate(NOMINAL))})", flush=True)
-        setup_network(self.out)
+        try:
+            setup_network(self.out)
+        except StartError as error:
+            self.fail(str(error))
+            return 1
         start, fs = read_after_cut(args.disk, FILES, self.scratch)
         stretch = stretch_of(start)
         if stretch != 0:

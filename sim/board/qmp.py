@@ -9,8 +9,8 @@ class QmpError(Exception):
 
 
 class Qmp:
-    def __init__(self, path, deadline):
-        self.sock = connect_unix(path, deadline)
+    def __init__(self, path, deadline, alive=lambda: True):
+        self.sock = connect_unix(path, deadline, alive)
         if self.sock is None:
             raise QmpError(f"no QMP socket at {path}")
         self.file = self.sock.makefile("rwb")

@@ -16,30 +16,40 @@ import time
 
 from console import ConsoleError
 from deadline import Deadline
-from machine import Machine, board_arguments
+from machine import Machine, StartError, board_arguments, log_tail
 from picture import Picture
 from cycle import Cycle
 
 SERVER_ADDR = "192.0.2.10"
 BOARD_ADDR = "192.0.2.2"
 TAPS = ("tap-eth0", "tap-wlan0")
+DHCP_PORT = 67
 
 
 def sh(*command):
     subprocess.run(command, check=True)
 
 
-def server_ns():
+def server_pid():
     with open("/run/tovsim/server.pid") as f:
-        return f"/proc/{f.read().strip()}/ns/net"
+        return f.read().strip()
+
+
+def server_ns():
+    return f"/proc/{server_pid()}/ns/net"
+
+
+def make_tun():
+    """The unit's private /dev lacks the node QEMU opens for its taps."""
+    os.makedirs("/dev/net", exist_ok=True)
+    if not os.path.exists("/dev/net/tun"):
+        sh("mknod", "/dev/net/tun", "c", "10", "200")
 
 
 def setup_network(out):
     """The unit's eth0 (whose far end is WATCHTOWER's side) and the board's eth0 tap on one bridge;
     wlan0's tap stays alone, a dongle with no access point in reach."""
-    os.makedirs("/dev/net", exist_ok=True)
-    if not os.path.exists("/dev/net/tun"):
-        sh("mknod", "/dev/net/tun", "c", "10", "200")
+    make_tun()
     sh("ip", "addr", "flush", "dev", "eth0")
     sh("ip", "link", "add", "br0", "type", "bridge")
     sh("ip", "link", "set", "eth0", "master", "br0")
@@ -54,10 +64,28 @@ def setup_network(out):
                 f"lease_file {out}/udhcpd.leases\npidfile {out}/udhcpd.pid\n"
                 f"option subnet 255.255.255.0\noption router {SERVER_ADDR}\noption lease 3600\n")
     open(os.path.join(out, "udhcpd.leases"), "w").close()
-    # The unit's own peers leave with it: the DHCP server ends with the server side.
-    subprocess.Popen(["nsenter", f"--net={server_ns()}", "--", "busybox", "udhcpd", "-f", config],
-                     stdin=subprocess.DEVNULL, stdout=open(os.path.join(out, "udhcpd.log"), "wb"),
-                     stderr=subprocess.STDOUT)
+    start_dhcp_server(config, os.path.join(out, "udhcpd.log"))
+
+
+def start_dhcp_server(config, log):
+    """udhcpd on the server side, up once it listens on the DHCP port; one that ends first stops the
+    run with its own words. The unit's own peers leave with it: the server ends with its side."""
+    server = subprocess.Popen(["nsenter", f"--net={server_ns()}", "--", "busybox", "udhcpd", "-f", config],
+                              stdin=subprocess.DEVNULL, stdout=open(log, "wb"), stderr=subprocess.STDOUT)
+    deadline = Deadline(10)
+    while not listens_on_udp(DHCP_PORT):
+        if server.poll() is not None:
+            raise StartError(f"the DHCP server ended at its start with status {server.returncode}: "
+                             + log_tail(log))
+        if deadline.expired():
+            raise StartError(f"the DHCP server does not listen on port {DHCP_PORT} after "
+                             f"{deadline.seconds:.0f} s: " + log_tail(log))
+        time.sleep(0.05)
+
+
+def listens_on_udp(port):
+    with open(f"/proc/{server_pid()}/net/udp") as f:
+        return any(line.split()[1].endswith(f":{port:04X}") for line in list(f)[1:])
 
 
 # What the board's devices look like from inside, kept with each run.
@@ -119,7 +147,11 @@ def main():
     parser.add_argument("--run", action="append", default=[])
     args = parser.parse_args()
     out = args.out
-    setup_network(out)
+    try:
+        setup_network(out)
+    except StartError as error:
+        print(f"board: FAILED: {error}", file=sys.stderr)
+        return 1
     board = Machine(args.kernel, args.initrd, args.disk, out, "/dev/ttySAC1", TAPS, window=args.manual)
     status = 0
     try:
