@@ -83,6 +83,12 @@ class Machine:
                                    deadline, self.alive)
             self.qmp = Qmp(self.qmp_path, deadline, self.alive)
         except Exception:
+            # A QEMU that fails its start may reset our connection before it is gone: give it
+            # the moment to end, so that its own words are what the caller sees.
+            try:
+                self.process.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                pass
             if not self.alive():
                 raise StartError(f"QEMU ended at its start with status {self.process.returncode}: "
                                  + log_tail(os.path.join(self.folder, "qemu.log")))
