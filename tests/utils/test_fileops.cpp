@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -139,6 +140,25 @@ TEST(FileOps, WriteReplacesKeepingModeOwnerAndLinks)
     EXPECT_TRUE(S_ISLNK(st.st_mode));
     EXPECT_EQ(readText(dir / "target"), "through");
     EXPECT_EQ(getDirFilesList(dir / ".[!.]*"), Lines{});
+}
+
+// A cut between a temporary file's creation and its rename leaves it behind; the next write of the
+// same file removes it, unless its writer still runs. Another file's temporaries are not its own.
+TEST(FileOps, WriteRemovesTheTemporariesACutLeft)
+{
+    TempDir dir;
+    const pid_t gone = fork();
+    if (gone == 0)
+        _exit(0);
+    ASSERT_GT(gone, 0);
+    ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
+    const std::string running = ".phase.new-" + std::to_string(getppid()) + "-0";
+    const std::string other = ".starter.new-" + std::to_string(gone) + "-0";
+    for (const std::string& name : {".phase.new-" + std::to_string(gone) + "-4",
+                                    ".phase.new-" + std::to_string(getpid()) + "-9", running, other})
+        writeText(dir / name, "cut");
+    EXPECT_TRUE(writeToFile(dir / "phase", "1\n0\n", false, false));
+    EXPECT_EQ(getDirFilesList(dir / ".[!.]*"), (Lines{dir / running, dir / other}));
 }
 
 TEST(FileOps, ReadAppendsLinesAsTheyStand)
