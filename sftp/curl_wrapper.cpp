@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 namespace {
@@ -71,8 +72,16 @@ Curl_Wrapper::Handle Curl_Wrapper::open(std::initializer_list<const std::string*
     Handle handle(m_lib.easy_init(), m_lib.easy_cleanup);
     if (!handle || m_hostKeySha256.empty())
         return handle;
-    // A libcurl that cannot check the pin (older than 7.80, or another SSH backend) refuses it; going
-    // on without it would hand the password to whoever answers at the address.
+    // A libcurl older than 7.80 refuses the pin; one built on another SSH backend than libssh2 takes
+    // it and never checks it. Going on without the check would hand the password to whoever
+    // answers at the address.
+    const char* const backend = m_lib.version_info(CURLVERSION_NOW)->libssh_version;
+    if (backend == nullptr || std::strncmp(backend, "libssh2/", 8) != 0) {
+        if (reportRefusal)
+            printf("curl: error: the host key pin needs libcurl on libssh2, this one has %s\n",
+                   backend != nullptr ? backend : "no SSH");
+        return none;
+    }
     const CURLcode code = m_lib.easy_setopt(handle.get(), CURLOPT_SSH_HOST_PUBLIC_KEY_SHA256, m_hostKeySha256.c_str());
     if (code != CURLE_OK) {
         if (reportRefusal)

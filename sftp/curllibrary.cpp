@@ -50,6 +50,7 @@ bool CurlLibrary::bindAll()
     ok = bindSymbol(m_handle, "curl_easy_strerror", easy_strerror, m_error) && ok;
     ok = bindSymbol(m_handle, "curl_slist_append", slist_append, m_error) && ok;
     ok = bindSymbol(m_handle, "curl_slist_free_all", slist_free_all, m_error) && ok;
+    ok = bindSymbol(m_handle, "curl_version_info", version_info, m_error) && ok;
     return ok;
 }
 
@@ -64,4 +65,5 @@ void CurlLibrary::unbindAll()
     easy_strerror = nullptr;
     slist_append = nullptr;
     slist_free_all = nullptr;
+    version_info = nullptr;
 }

@@ -34,6 +34,7 @@ public:
     decltype(&curl_easy_strerror) easy_strerror = nullptr;
     decltype(&curl_slist_append) slist_append = nullptr;
     decltype(&curl_slist_free_all) slist_free_all = nullptr;
+    decltype(&curl_version_info) version_info = nullptr;
 
 private:
     bool bindAll();

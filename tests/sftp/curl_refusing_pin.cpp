@@ -1,6 +1,8 @@
 // A libcurl stand-in for one test: named libcurl.so.4 and loaded before the bench opens libcurl, it
 // passes every call to the real library but answers the host-key pin with the error `refusal`
-// gives, as a libcurl older than 7.80 or built on another SSH backend does. It counts transfers.
+// gives, as a libcurl older than 7.80 does, and can name another SSH backend than the real one
+// (`standin_ssh_backend`), as a libcurl built on libssh does, which takes the pin and ignores it.
+// It counts transfers.
 #include <curl/curl.h>
 
 #include <dlfcn.h>
@@ -10,6 +12,7 @@
 extern "C" {
 __attribute__((visibility("default"))) CURLcode standin_refusal = CURLE_UNKNOWN_OPTION;
 __attribute__((visibility("default"))) int standin_performs = 0;
+__attribute__((visibility("default"))) const char* standin_ssh_backend = nullptr;
 }
 
 namespace {
@@ -78,6 +81,15 @@ const char* curl_easy_strerror(CURLcode code)
 curl_slist* curl_slist_append(curl_slist* list, const char* text)
 {
     return real<decltype(curl_slist_append)>("curl_slist_append")(list, text);
+}
+
+curl_version_info_data* curl_version_info(CURLversion stamp)
+{
+    static curl_version_info_data info;
+    info = *real<decltype(curl_version_info)>("curl_version_info")(stamp);
+    if (standin_ssh_backend != nullptr)
+        info.libssh_version = standin_ssh_backend;
+    return &info;
 }
 
 void curl_slist_free_all(curl_slist* list)

@@ -199,9 +199,9 @@ TEST(Watchtower, PinnedHostKey)
     }
 }
 
-// A libcurl that cannot check the pin refuses it (curl_refusing_pin.cpp stands in for one): the
-// transfer then fails before any connection, though the pinned key is the server's own. Unpinned,
-// the stand-in uploads as libcurl does.
+// A libcurl that cannot check the pin refuses it, or takes it and ignores it when built on libssh
+// (curl_refusing_pin.cpp stands in for both): the transfer then fails before any connection,
+// though the pinned key is the server's own. Unpinned, the stand-in uploads as libcurl does.
 TEST(WatchtowerPinRefused, NothingIsSentWithoutTheCheck)
 {
     ASSERT_EQ(dlopen("libcurl.so.4", RTLD_NOW | RTLD_NOLOAD), nullptr) << "libcurl loaded before its stand-in";
@@ -209,20 +209,26 @@ TEST(WatchtowerPinRefused, NothingIsSentWithoutTheCheck)
     ASSERT_NE(standin, nullptr) << dlerror();
     auto* const refusal = static_cast<CURLcode*>(dlsym(standin, "standin_refusal"));
     auto* const performs = static_cast<int*>(dlsym(standin, "standin_performs"));
-    ASSERT_TRUE(refusal != nullptr && performs != nullptr);
+    auto* const backend = static_cast<const char**>(dlsym(standin, "standin_ssh_backend"));
+    ASSERT_TRUE(refusal != nullptr && performs != nullptr && backend != nullptr);
     struct Case {
         std::string key;
         CURLcode refusal;
+        const char* backend; // null: the real library's
         std::string output;
         int performs;
     };
-    for (const Case& c : {Case{serverKey(), CURLE_UNKNOWN_OPTION, "An unknown option was passed in to libcurl", 0},
-                          Case{serverKey(), CURLE_NOT_BUILT_IN,
+    const std::string unchecked = "the host key pin needs libcurl on libssh2, this one has ";
+    for (const Case& c : {Case{serverKey(), CURLE_UNKNOWN_OPTION, nullptr, "An unknown option was passed in to libcurl", 0},
+                          Case{serverKey(), CURLE_NOT_BUILT_IN, nullptr,
                                "A requested feature, protocol or option was not found built-in in this libcurl due "
                                "to a build-time decision.", 0},
-                          Case{"", CURLE_UNKNOWN_OPTION, "", 1}}) {
+                          Case{serverKey(), CURLE_OK, "libssh/0.10.6", unchecked + "libssh/0.10.6", 0},
+                          Case{"", CURLE_OK, "libssh/0.10.6", "", 1},
+                          Case{"", CURLE_UNKNOWN_OPTION, nullptr, "", 1}}) {
         SCOPED_TRACE(c.output);
         *refusal = c.refusal;
+        *backend = c.backend;
         *performs = 0;
         writeText("/home/tov_test.msr", "pinned\n");
         Curl_Wrapper curl(c.key);
