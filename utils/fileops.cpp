@@ -103,7 +103,9 @@ void removeLeftovers(const std::string& target)
     if (dir == nullptr)
         return;
     bool removed = false;
-    while (const struct dirent* entry = readdir(dir)) {
+    // The 64-bit reader: the plain one of a 32-bit build gives up on an entry whose offset or
+    // number does not fit in 32 bits (ext4's hashed offsets, seen from a 64-bit kernel).
+    while (const struct dirent64* entry = readdir64(dir)) {
         const std::string name = entry->d_name;
         if (name.compare(0, prefix.size(), prefix) != 0)
             continue;
