@@ -16,7 +16,7 @@ format of sim/unit/tovboot, so that tests/e2e/expected applies to the board as i
 import os
 import time
 
-from console import ConsoleError
+from console import BoardFailure, ConsoleError, ConsoleTimeout
 from deadline import Deadline
 from picture import Picture
 from touch import KEYS, Touch
@@ -83,7 +83,7 @@ class Cycle:
             if text in panel_lines(self.bench_log()):
                 return
             time.sleep(2)
-        raise ConsoleError(f"the bench showed no '{text}' within {deadline.seconds:.0f} s")
+        raise ConsoleTimeout(f"the bench showed no '{text}' within {deadline.seconds:.0f} s")
 
     def wait_change(self, before, box, changed=True, seconds=15, columns=4):
         """Waits until the screen inside BOX differs from BEFORE (or, with changed=False, is back
@@ -96,7 +96,7 @@ class Cycle:
             if deadline.expired():
                 self.keep(after, "unexpected")
                 state = "changed" if changed else "came back"
-                raise ConsoleError(f"the screen in {box} never {state} (see unexpected.png)")
+                raise ConsoleTimeout(f"the screen in {box} never {state} (see unexpected.png)")
             time.sleep(0.3)
 
     # --- the operator at the first boot -----------------------------------------------------
@@ -157,14 +157,15 @@ class Cycle:
             try:
                 self.board.console.wait(HALTED, Deadline(1.5), failures=[BENCH_ENDED])
                 break
-            except ConsoleError as error:
-                if "bench ended" in str(error):
-                    self.board.console.wait(HALTED, Deadline(20))
-                    break
-                if "within" not in str(error):
+            except BoardFailure as error:
+                if error.pattern != BENCH_ENDED:
                     raise
+                self.board.console.wait(HALTED, Deadline(20))
+                break
+            except ConsoleTimeout:
+                pass
             if deadline.expired():
-                raise ConsoleError(f"boot {boot} did not reboot within {deadline.seconds:.0f} s")
+                raise ConsoleTimeout(f"boot {boot} did not reboot within {deadline.seconds:.0f} s")
             last = self.shot("last")
         self.log("  reboot requested")
         if last is not None:

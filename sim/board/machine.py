@@ -11,7 +11,7 @@ import re
 import subprocess
 import time
 
-from console import Console
+from console import FAILURES, BoardFailure, Console
 from deadline import Deadline
 from qmp import Qmp
 
@@ -45,6 +45,8 @@ class Machine:
         self.folder = folder
         self.qmp_path = os.path.join(folder, "qmp.sock")
         self.console_path = os.path.join(folder, "console.sock")
+        self.kernel_log = os.path.join(folder, "kernel.log")
+        self.kernel_read = 0
         self.command = [
             "nice", "-n", "5", "qemu-system-arm",
             "-M", "virt,highmem=off", "-cpu", "cortex-a15", "-smp", "1", "-m", "128",
@@ -60,6 +62,10 @@ class Machine:
             "-device", "virtio-blk-pci,drive=nand",
             "-device", f"virtio-gpu-pci,id=gpu0,xres={SCREEN_W},yres={SCREEN_H}",
             "-device", "virtio-tablet-pci,id=touch",
+            # The kernel's messages, every level, on a port of their own (the guest's /dev/hvc0).
+            "-device", "virtio-serial-pci,id=ports",
+            "-chardev", f"file,id=kmsg,path={self.kernel_log}",
+            "-device", "virtconsole,chardev=kmsg,name=kmsg",
             "-chardev", f"serial,id=rs485,path={uart}",
             "-device", "pci-serial,chardev=rs485",
             "-netdev", f"tap,id=eth0,ifname={taps[0]},script=no,downscript=no",
@@ -82,6 +88,7 @@ class Machine:
             self.console = Console(self.console_path, os.path.join(self.folder, "console.log"),
                                    deadline, self.alive)
             self.qmp = Qmp(self.qmp_path, deadline, self.alive)
+            self.console.watch = self.check_kernel
         except Exception:
             # A QEMU that fails its start may reset our connection before it is gone: give it
             # the moment to end, so that its own words are what the caller sees.
@@ -93,6 +100,24 @@ class Machine:
                 raise StartError(f"QEMU ended at its start with status {self.process.returncode}: "
                                  + log_tail(os.path.join(self.folder, "qemu.log")))
             raise
+
+    def check_kernel(self):
+        """Raises BoardFailure once the kernel has told of an oops, a panic or an out-of-memory
+        kill since the last look."""
+        try:
+            with open(self.kernel_log, "rb") as f:
+                f.seek(self.kernel_read)
+                new = f.read()
+        except FileNotFoundError:
+            return
+        # Whole lines only: a message is looked at once it has ended.
+        new = new[:new.rfind(b"\n") + 1]
+        self.kernel_read += len(new)
+        for failure in FAILURES:
+            bad = failure.search(new)
+            if bad:
+                self.console.note(f"kernel.log: {bad.group(0).decode(errors='replace')}")
+                raise BoardFailure(bad.group(0).decode(errors="replace") + " (kernel.log)", failure.pattern)
 
     def alive(self):
         return self.process is not None and self.process.poll() is None
@@ -128,6 +153,7 @@ class Machine:
         return path
 
     def tap_events(self, x, y, down):
+        self.console.note(f"touch {x},{y}" + ("" if down is None else " down" if down else " up"))
         events = [
             {"type": "abs", "data": {"axis": "x", "value": x * TABLET_MAX // (SCREEN_W - 1)}},
             {"type": "abs", "data": {"axis": "y", "value": y * TABLET_MAX // (SCREEN_H - 1)}},
@@ -139,6 +165,7 @@ class Machine:
     # --- network -----------------------------------------------------------------------------
 
     def set_link(self, name, up):
+        self.console.note(f"link {name} {'up' if up else 'down'}")
         self.qmp.execute("set_link", {"name": name, "up": up})
 
     def stop(self):

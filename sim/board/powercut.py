@@ -47,7 +47,7 @@ import tempfile
 import threading
 import time
 
-from console import ConsoleError
+from console import ConsoleClosed, ConsoleError, ConsoleTimeout
 from cycle import BENCH_ENDED, HALTED, PANEL, Cycle
 from deadline import Deadline
 from machine import Machine, StartError, board_arguments
@@ -158,6 +158,11 @@ READ = "; ".join(f"if [ -f {p} ]; then echo \"{p} $(stat -c %a {p}) $(base64 -w0
                  f"else echo \"{p} -\"; fi" for p in FILES)
 
 
+class FilesUnlisted(ConsoleError):
+    """The board's listing of its files came without them all (the shutdown unmounting the NAND
+    while they were read)."""
+
+
 def guest_files(board, seconds=30):
     """The three files as the running board sees them: {path: (content, mode) or None}."""
     _, text = board.run(READ, seconds=seconds)
@@ -172,7 +177,7 @@ def guest_files(board, seconds=30):
                 files[fields[0]] = (content, int(fields[1], 8))
     if set(files) != set(FILES):
         # As when the shutdown unmounts the NAND while they are read.
-        raise ConsoleError(f"the board did not list its files: {text!r}")
+        raise FilesUnlisted(f"the board did not list its files: {text!r}")
     return files
 
 
@@ -304,7 +309,7 @@ class Harness:
                 if console.count(HALTED) > halts:
                     return
                 if console.closed:
-                    raise ConsoleError("QEMU closed the console")
+                    raise ConsoleClosed("QEMU closed the console")
                 if ended is None and console.count(BENCH_ENDED) > ends:
                     # A bench that ends is followed by the reboot at once, or has failed.
                     ended = Deadline(20)
@@ -314,15 +319,13 @@ class Harness:
             try:
                 # Briefly: a shell that the shutdown ends never answers.
                 files = guest_files(board, seconds=3)
-            except ConsoleError as error:
-                if "within" in str(error) or "did not list" in str(error):
-                    continue
-                raise
+            except (ConsoleTimeout, FilesUnlisted):
+                continue
             # Once the files say the next stretch, the last reading before the reboot: the state
             # the board reboots on (the bench replaces its files whole, and all within moments).
             if stretch_of(files) == stretch + 1:
                 self.polled[stretch] = files
-        raise ConsoleError(f"the board did not reboot within {deadline.seconds:.0f} s")
+        raise ConsoleTimeout(f"the board did not reboot within {deadline.seconds:.0f} s")
 
     def play(self, folder, stretch, start_files, cut):
         """One life of the board, from QEMU's start to a cut or the hand-over. Returns True at
