@@ -92,13 +92,19 @@ bool writeInPlace(const std::string& path, const std::string& text, bool append,
     return append ? written : true;
 }
 
+// The name every temporary of TARGET starts with, in TARGET's folder: ".NAME.new-".
+std::string temporaryPrefix(const std::string& target)
+{
+    return "." + target.substr(target.rfind('/') + 1) + ".new-";
+}
+
 // What a cut between a temporary file's creation and its rename left beside the target: every
 // temporary of this file whose writer is gone. One process writes a given file, so a temporary
 // bearing this process's number is from an earlier boot's bench that had the same number.
 void removeLeftovers(const std::string& target)
 {
     const std::string folder = folderOf(target);
-    const std::string prefix = "." + target.substr(target.rfind('/') + 1) + ".new-";
+    const std::string prefix = temporaryPrefix(target);
     DIR* dir = opendir(folder.c_str());
     if (dir == nullptr)
         return;
@@ -123,8 +129,7 @@ void removeLeftovers(const std::string& target)
 int createTemporary(const std::string& target, std::string& temp)
 {
     static std::atomic<unsigned> counter{0};
-    const std::string stem = folderOf(target) + "/." + target.substr(target.rfind('/') + 1) + ".new-" +
-                             std::to_string(getpid()) + "-";
+    const std::string stem = folderOf(target) + "/" + temporaryPrefix(target) + std::to_string(getpid()) + "-";
     for (int attempt = 0; attempt < 100; ++attempt) {
         temp = stem + std::to_string(counter++);
         const int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
