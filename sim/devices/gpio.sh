@@ -57,10 +57,8 @@ gpio_mount_class() {
     mount -t tmpfs -o mode=0755,size=256k tovsim-class "$root/sys/class"
     for dir in "$fresh"/class/*; do
         name=${dir##*/}
-        [[ $name != gpio ]] || continue
-        mkdir "$root/sys/class/$name"
-        mount --bind "$dir" "$root/sys/class/$name"
-    done
+        [[ $name == gpio ]] || echo "$dir $root/sys/class/$name"
+    done | bind_mounts
     umount "$fresh"
     [[ $TOVSIM_GPIO == 0 ]] || mkdir "$root/sys/class/gpio"
     mount -o remount,ro,bind "$root/sys/class"
