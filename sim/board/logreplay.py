@@ -156,8 +156,9 @@ class Log:
 class State:
     """One state as the working copy holds it while it is given out."""
 
-    def __init__(self, name, flush, entry, offset, since, lost=()):
+    def __init__(self, name, flush, entry, offset, since, lost=(), changed=True):
         self.name = name
+        self.changed = changed  # False: the same bytes as the state given before it
         self.lost = lost  # the entries of the writes since the last flush that it has lost
         self.flush = flush  # the number of the last flush it keeps, 0 before the first
         self.entry = entry  # the last entry it can hold, -1 for the starting image
@@ -203,13 +204,14 @@ class Replay:
             for entry in entries:
                 if entry.barrier():
                     yield from self._drawn(image, source, flush, pending, since)
-                    for write in pending + ([entry] if entry.writes() else []):
+                    writes = pending + ([entry] if entry.writes() else [])
+                    for write in writes:
                         self._apply(image, source, write)
                     flush += 1
                     pending = []
                     since = self.log.after(entry)
                     image.flush()
-                    yield State(f"flush {flush}", flush, entry.index, since, since)
+                    yield State(f"flush {flush}", flush, entry.index, since, since, changed=bool(writes))
                 elif entry.writes():
                     pending.append(entry)
             if pending:

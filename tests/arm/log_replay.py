@@ -80,8 +80,10 @@ def replay(folder, log_bytes, start, subsets=0, seed=0):
         f.write(log_bytes)
     log = Log(path)
     work = os.path.join(folder, "work.img")
-    states = [(s.name, open(work, "rb").read(), s.lost) for s in Replay(log, start, work, subsets, seed).states()]
-    return log, [(name, image) for name, image, _ in states] if not subsets else states
+    states = [(s.name, open(work, "rb").read(), s.lost, s.changed)
+              for s in Replay(log, start, work, subsets, seed).states()]
+    return log, [(name, image, changed) for name, image, _, changed in states] if not subsets else \
+        [(name, image, lost) for name, image, lost, _ in states]
 
 
 def main():
@@ -94,7 +96,8 @@ def main():
         # whichever of the two came last of those it kept.
         s, d = writes[0][0]
         interval = [[(s, b"\xaa" * len(d))] + writes[0], writes[1], writes[2]]
-        entries = [entry(s, d) for s, d in interval[0]] + [entry(flags=FLUSH)] + \
+        # A second flush with no write since: a state the same as the one before it, said so.
+        entries = [entry(s, d) for s, d in interval[0]] + [entry(flags=FLUSH)] * 2 + \
                   [entry(s, d) for s, d in interval[1]] + [entry(flags=FLUSH)] + \
                   [entry(s, d) for s, d in interval[2]]
         full = log_of(entries)
@@ -102,12 +105,13 @@ def main():
             bad.append(f"a version changed fewer than two runs of sectors: {[len(w) for w in writes]}")
 
         log, states = replay(folder, full, start)
-        got = {name: image for name, image in states}
-        for name, version in (("start", 0), ("flush 1", 1), ("flush 2", 2), ("end", 3)):
+        got = {name: image for name, image, _ in states}
+        for name, version in (("start", 0), ("flush 1", 1), ("flush 2", 1), ("flush 3", 2), ("end", 3)):
             if got.get(name) != images[version]:
                 bad.append(f"{name} is not version {version} byte for byte")
-        if [n for n, _ in states] != ["start", "flush 1", "flush 2", "end"]:
-            bad.append(f"without drawn states the states are {[n for n, _ in states]}")
+        if [(n, c) for n, _, c in states] != [("start", True), ("flush 1", True), ("flush 2", False),
+                                               ("flush 3", True), ("end", True)]:
+            bad.append(f"without drawn states the states (and whether changed) are {[(n, c) for n, _, c in states]}")
 
         # Drawn states: after each flush at most SUBSETS of them, each the flush's state with a
         # part of the writes since, never all nor none, the same for the same seed.
@@ -119,8 +123,8 @@ def main():
         if [d for _, d, _ in drawn] == [d for _, d, _ in other]:
             bad.append("seeds 7 and 8 drew the same states")
         first = 0  # the entry of the first write after the flush
-        for flush in range(3):
-            mine = [(image, lost) for name, image, lost in drawn if name.startswith(f"flush {flush} lost")]
+        for flush, after in ((0, 0), (1, 2), (2, 3)):
+            mine = [(image, lost) for name, image, lost in drawn if name.startswith(f"flush {after} lost")]
             if not 1 <= len(mine) <= SUBSETS:
                 bad.append(f"{len(mine)} drawn states after flush {flush}")
             for image, lost in mine:
@@ -133,7 +137,7 @@ def main():
                                f"writes since it but entries {lost}")
                 if not 0 < len(lost) < len(interval[flush]):
                     bad.append(f"a drawn state after flush {flush} lost {len(lost)} of {len(interval[flush])} writes")
-            first += len(interval[flush]) + 1
+            first += len(interval[flush]) + 1 + (flush == 0)
         # The run written twice only tells whether writes are kept in order and put back in the
         # reverse order when a drawn state keeps both and another state follows it.
         both = [i for i, (name, _, lost) in enumerate(drawn) if name.startswith("flush 0 lost") and
@@ -175,7 +179,7 @@ def main():
         if not bad:
             _, states = replay(folder, cut, start)
             s, data = writes[2][-1]
-            end = dict(states)["end"]
+            end = {name: image for name, image, _ in states}["end"]
             if end[:s * SECTOR] + images[3][s * SECTOR:] != images[3] or end[s * SECTOR:] != images[2][s * SECTOR:]:
                 bad.append("the end of a log whose last write is cut short is not the others kept")
         for what, extra in (("a write past the image's end", entry(len(images[0]) // SECTOR, bytes(SECTOR))),
@@ -189,7 +193,7 @@ def main():
                     bad.append(f"{what}: {e}")
     for line in bad:
         print(f"FAIL {line}")
-    print(f"log_replay: 4 states byte for byte, the drawn states of 3 flushes, {len(cases) + 2} logs "
+    print(f"log_replay: 5 states byte for byte, the drawn states of 3 flushes, {len(cases) + 2} logs "
           f"refused or read in part: {len(bad)} failures")
     return 1 if bad else 0
 
