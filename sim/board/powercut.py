@@ -8,6 +8,14 @@ and the next boot the NAND image is read on this machine (nand.py); then the boa
 from the same image and the cycle goes on from wherever the unit came back, until the hand-over.
 
     powercut.py --out DIR --kernel FILE --initrd FILE --disk FILE --cuts N --seed S
+    powercut.py --out DIR --kernel FILE --initrd FILE --disk FILE --every-flush [--subsets K] --seed S
+
+With --every-flush no power is pulled: one uncut cycle runs with the NAND behind QEMU's write log
+(OUT/nand.log; the image as it began, OUT/nand-start.img), and the log is then replayed
+(logreplay.py): the NAND at every flush, and after each flush at most K states drawn with the seed
+that lose a part of the writes the NAND had not yet been told to keep. Each state is read as after
+a cut (nand.py) and judged as a cut in the stretch its last write fell in, below, without the
+boot; the last state of each stretch must be the files the board read at that stretch's end.
 
 The cycle's boots, the stretches of time the instants are drawn over:
   stretch 0  first boot: the network form (the interfaces file), test phase 1, the phase file
@@ -43,6 +51,7 @@ starts it, the phase file is gone.
 import base64
 import os
 import random
+import subprocess
 import sys
 import tempfile
 import threading
@@ -51,6 +60,7 @@ import time
 from console import ConsoleClosed, ConsoleError, ConsoleTimeout
 from cycle import BENCH_ENDED, HALTED, PANEL, Cycle
 from deadline import Deadline
+from logreplay import Log, LogError, Replay
 from machine import Machine, StartError, board_arguments
 from nand import read_after_cut
 from run import TAPS, bench_running, setup_network, wait_for_screen
@@ -296,6 +306,34 @@ class FlushJudge:
         return self.failures
 
 
+def judge_log(log, first, scratch, judge, subsets, seed, keep=None):
+    """Replays LOG (a logreplay.Log) onto FIRST, the image as the log began, and judges each of
+    its states with JUDGE (a FlushJudge), each read as after a cut. Returns how many images were
+    read (a flush with no write since the state before it is that state again). KEEP: a folder
+    for the images of the first failing states."""
+    work = os.path.join(scratch, "state.img")
+    started = time.monotonic()
+    read = kept = 0
+    previous = None
+    for state in Replay(log, first, work, subsets, seed).states():
+        if state.changed or previous is None:
+            previous = read_after_cut(work, FILES, scratch)
+            read += 1
+        problems = judge.judge(state.name, state.offset, *previous)
+        if problems and keep and kept < 3:
+            # For a look with debugfs.
+            kept += 1
+            subprocess.run(["cp", "--sparse=always", work,
+                            os.path.join(keep, f"failed-{state.name.replace(' ', '-')}.img")])
+        for problem in problems:
+            # The first ones tell; the count says the rest.
+            if len(judge.failures) <= 100:
+                print(f"powercut: FAIL {state.name}: {problem}", flush=True)
+        if judge.judged % 200 == 0:
+            print(f"powercut:   {judge.judged} states judged, {time.monotonic() - started:.0f} s", flush=True)
+    return read
+
+
 # --- the board and its files ------------------------------------------------------------------
 
 READ = "; ".join(f"if [ -f {p} ]; then echo \"{p} $(stat -c %a {p}) $(base64 -w0 <{p})\"; "
@@ -434,6 +472,8 @@ class Harness:
         self.failures = []
         self.final = None
         self.last_cut = None
+        self.log = None  # the NAND's write log, when the cycle runs with one
+        self.marks = {}  # stretch -> the log's length when its orderly end was seen
 
     def fail(self, text):
         print(f"powercut: FAIL {text}", flush=True)
@@ -475,7 +515,8 @@ class Harness:
         """One life of the board, from QEMU's start to a cut or the hand-over. Returns True at
         the hand-over with no cut left, False after a cut."""
         os.makedirs(folder, exist_ok=True)
-        board = Machine(self.args.kernel, self.args.initrd, self.args.disk, folder, "/dev/ttySAC1", TAPS)
+        board = Machine(self.args.kernel, self.args.initrd, self.args.disk, folder, "/dev/ttySAC1", TAPS,
+                        log=self.log)
         cycle = Cycle(board, folder)
         cutter = Cutter(board)
         first_boot = True
@@ -518,6 +559,10 @@ class Harness:
                 if form is not None:
                     cycle.operate_form(form)
                 self.wait_reboot(board, stretch, start_files)
+                if self.log is not None:
+                    # The board says it halted once the NAND is unmounted: the stretch's writes
+                    # are all in the log by then, the next boot's not yet.
+                    self.marks.setdefault(stretch, os.path.getsize(self.log))
                 self.lengths.setdefault(stretch, time.monotonic() - began)
                 if cutter.armed():
                     cut.note = f" (at the reboot: the boot ended after {time.monotonic() - began:.0f} s)"
@@ -643,11 +688,87 @@ class Harness:
         return 0 if good else 1
 
 
+    def every_flush(self):
+        """One uncut cycle with the NAND's writes logged, then every state the log gives (each
+        flush, and drawn losses of the writes between flushes) read as after a cut and judged."""
+        args = self.args
+        print(f"powercut: one cycle with the NAND's write log, then every flush replayed "
+              f"({args.subsets} drawn states at most after each, seed {args.seed})", flush=True)
+        try:
+            setup_network(self.out)
+        except StartError as error:
+            self.fail(str(error))
+            return 1
+        start, fs = read_after_cut(args.disk, FILES, self.scratch)
+        if stretch_of(start) != 0:
+            self.fail(f"the fresh NAND is not at the cycle's start: {show(start)}")
+            return 1
+        # The log replays onto the image as it was when the log began.
+        first = os.path.join(self.out, "nand-start.img")
+        subprocess.run(["cp", "--sparse=always", args.disk, first], check=True)
+        self.log = os.path.join(self.out, "nand.log")
+        open(self.log, "wb").close()
+        started = time.monotonic()
+        folder = os.path.join(self.out, "life01")
+        try:
+            self.play(folder, 0, start, None)
+        except Exception as error:
+            self.fail(f"{error} (logs in {folder})")
+            return 1
+        cycle = time.monotonic() - started
+        files, came_back = self.final
+        print(f"powercut: the cycle finished in {cycle / 60:.1f} min: {show(files)}; {came_back}", flush=True)
+        for flaw_ in hand_over_flaws(files) + ([] if came_back == "production" else
+                                               [f"the unit started '{came_back}'"]):
+            self.fail(f"after the hand-over {flaw_}")
+        ends = {0: self.end.get(0), 1: self.end.get(1)}
+        ends[2], why = handed_over(ends[1], files.get(IFACES))
+        if why:
+            self.fail(f"the hand-over's end is not known: {why}")
+        elif key(files) != key(ends[2]):
+            self.fail(f"after the hand-over the board read {show(files)}, not the known end {show(ends[2])}")
+        ends[3] = ends[2]
+        starts = {0: start, 1: ends[0], 2: ends[1], 3: ends[2]}
+        try:
+            log = Log(self.log)
+        except LogError as error:
+            self.fail(str(error))
+            return 1
+        print(f"powercut: the log: {log.describe()}; stretches end at bytes "
+              + ", ".join(f"{self.marks[s]}" for s in sorted(self.marks)), flush=True)
+        if log.stop:
+            # QEMU ended in order: its log must be whole.
+            self.fail(f"the log of a cycle QEMU ended in order stops early: {log.stop}")
+        judge = FlushJudge(starts, ends, self.marks)
+        replayed = time.monotonic()
+        read = 0
+        try:
+            read = judge_log(log, first, self.scratch, judge, args.subsets, args.seed, keep=self.out)
+        except LogError as error:
+            self.fail(str(error))
+        during = len(judge.failures)
+        failures = judge.finish()
+        for failure in failures[during:]:
+            print(f"powercut: FAIL {failure}")
+        seconds = time.monotonic() - replayed
+        flushes = log.barriers()
+        print(f"powercut: {len(log.entries)} log entries, {flushes} flushes, {judge.judged} states judged "
+              f"({read} images read), {len(failures)} failures, replay and judgement {seconds / 60:.1f} min, "
+              f"cycle {cycle / 60:.1f} min")
+        good = not failures and not self.failures
+        print(f"powercut: {'PASS' if good else 'FAIL'}: every flush of one cycle (seed {args.seed})")
+        return 0 if good else 1
+
+
 def main():
     parser = board_arguments()
     parser.add_argument("--cuts", type=int, default=20)
     parser.add_argument("--seed", type=int, required=True)
-    return Harness(parser.parse_args()).run()
+    parser.add_argument("--every-flush", action="store_true")
+    parser.add_argument("--subsets", type=int, default=2)
+    args = parser.parse_args()
+    harness = Harness(args)
+    return harness.every_flush() if args.every_flush else harness.run()
 
 
 if __name__ == "__main__":

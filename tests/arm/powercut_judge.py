@@ -6,14 +6,20 @@ states a replay of the NAND's write log gives over a whole cycle. Needs no board
 
     tests/arm/powercut_judge.py
 """
+import contextlib
+import io
 import os
+import subprocess
 import sys
 import tempfile
 import types
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../sim/board"))
 import powercut  # noqa: E402
-from powercut import IFACES, PHASE, STARTER, FlushJudge, handed_over, judge_files  # noqa: E402
+from nand import image_path  # noqa: E402
+from log_replay import entry, log_of, runs  # noqa: E402
+from logreplay import FLUSH, Log  # noqa: E402
+from powercut import IFACES, PHASE, STARTER, FlushJudge, handed_over, judge_files, judge_log  # noqa: E402
 
 BENCH_STARTER = (b"#!/bin/sh\nTOV_BIN_NAME=tov_test\n. /home/TOV/tov_env\n", 0o755)
 PROD_STARTER = (b"#!/bin/sh\nTOV_BIN_NAME=tovQT\n. /home/TOV/tov_env\n", 0o755)
@@ -124,6 +130,54 @@ def variants():
     ]
 
 
+# The same cycle on a small NAND image, one version a step: (file, version or None to delete,
+# whether the step ends its stretch). Its log is replayed, each state read as after a cut.
+STEPS = [(IFACES, FORM, False), (PHASE, P1, True), (PHASE, P2, True), (STARTER, PROD_STARTER, False),
+         (PHASE, None, False), (IFACES, FACTORY, True), ("/home/TOV/tovQT", (b"#!/bin/sh\n", 0o755), False)]
+
+
+def replayed_cycle(folder, steps):
+    """The failures of the judgement of the replayed cycle of STEPS."""
+    stage = os.path.join(folder, "stage")
+    for path, (content, mode) in ((STARTER, BENCH_STARTER), (IFACES, DHCP)):
+        where = os.path.join(stage, image_path(path).lstrip("/"))
+        os.makedirs(os.path.dirname(where), exist_ok=True)
+        with open(where, "wb") as f:
+            f.write(content)
+        os.chmod(where, mode)
+    image = os.path.join(folder, "nand.img")
+    subprocess.run(["truncate", "-s", "4M", image], check=True)
+    subprocess.run(["mkfs.ext4", "-q", "-F", "-b", "1024", "-d", stage, image], check=True)
+    first = image + ".first"
+    subprocess.run(["cp", image, first], check=True)
+    entries, marks, length = [], {}, 512
+    for number, (path, version, ends) in enumerate(steps):
+        before = open(image, "rb").read()
+        where = image_path(path)
+        requests = [f"rm {where}"]
+        if version is not None:
+            with open(os.path.join(folder, "text"), "wb") as f:
+                f.write(version[0])
+            requests += [f"write {os.path.join(folder, 'text')} {where}", f"sif {where} mode 0100{version[1]:o}"]
+        with open(os.path.join(folder, "requests"), "w") as f:
+            f.write("\n".join(requests) + "\n")
+        subprocess.run(["debugfs", "-w", "-f", os.path.join(folder, "requests"), image], check=True,
+                       capture_output=True)
+        step = [entry(s, d) for s, d in runs(before, open(image, "rb").read())] + [entry(flags=FLUSH)]
+        entries += step
+        length += sum(len(e) for e in step)
+        if ends:
+            marks[len(marks)] = length
+    with open(os.path.join(folder, "log"), "wb") as f:
+        f.write(log_of(entries))
+    s0 = files(BENCH_STARTER, None, DHCP)
+    end0, end1 = files(BENCH_STARTER, P1, FORM), files(BENCH_STARTER, P2, FORM)
+    end2 = handed_over(end1, FACTORY)[0]
+    judge = FlushJudge({0: s0, 1: end0, 2: end1, 3: end2}, {0: end0, 1: end1, 2: end2, 3: end2}, marks)
+    judge_log(Log(os.path.join(folder, "log")), first, folder, judge, 0, 0)
+    return judge.finish()
+
+
 def main():
     bad = 0
     count = 0
@@ -181,6 +235,23 @@ def main():
         if bool(failures) != bool(words) or words and not any(all(w in f for w in words) for f in failures):
             bad += 1
             print(f"FAIL replayed cycle, {what}: judged {'; '.join(failures) or 'ok'}")
+        count += 1
+    # (what, the step changed and its version, words a failure must hold; none expected when empty)
+    for what, change, words in [
+        ("the good cycle", None, []),
+        ("the factory interfaces file cut short", (5, (IFACES, short(FACTORY, 60), True)),
+         ["flush 6", "interfaces cut short"]),
+        ("the starter cut after its first line", (3, (STARTER, short(PROD_STARTER, 10), False)),
+         ["flush 4", "starter cut short"]),
+    ]:
+        steps = list(STEPS)
+        if change:
+            steps[change[0]] = change[1]
+        with tempfile.TemporaryDirectory() as folder, contextlib.redirect_stdout(io.StringIO()):
+            failures = replayed_cycle(folder, steps)
+        if bool(failures) != bool(words) or words and not any(all(w in f for w in words) for f in failures):
+            bad += 1
+            print(f"FAIL replayed image, {what}: judged {'; '.join(failures) or 'ok'}")
         count += 1
     print(f"powercut_judge: {count} states and cycles, {bad} judged wrong")
     return 1 if bad else 0
