@@ -14,9 +14,10 @@ The states, in the log's order:
   flush N          every write up to the N-th flush kept: where the NAND stands once that flush
                    has returned (a FUA write counts as a flush, the writes before it kept: fewer
                    states, none that a cut could not leave; QEMU logs none);
-  flush N lost k/n between flush N and the next, a seeded draw of the n writes sent since flush N
-                   of which k are lost (a NAND that loses its cache keeps any part of it); at most
-                   SUBSETS of them after each flush, none equal to a flush's state;
+  flush N draw j lost k/n
+                   between flush N and the next, the j-th seeded draw of the n writes sent since
+                   flush N, of which k are lost (a NAND that loses its cache keeps any part of
+                   it); at most SUBSETS of them after each flush, none equal to a flush's state;
   end              every write of the log kept, when writes follow the last flush.
 One working copy of the image goes from state to state: each write is applied once, and the
 writes a drawn state leaves out are put back as they were before the next state.
@@ -241,8 +242,7 @@ class Replay:
                 if keep:
                     self._apply(image, source, entry, undo)
             image.flush()
-            lost = n - sum(kept)
-            yield State(f"flush {flush} lost {lost}/{n}", flush, pending[-1].index,
+            yield State(f"flush {flush} draw {len(drawn)} lost {n - sum(kept)}/{n}", flush, pending[-1].index,
                         self.log.after(pending[-1]), since,
                         tuple(e.index for e, keep in zip(pending, kept) if not keep))
             for at, data in reversed(undo):

@@ -124,7 +124,7 @@ def main():
             bad.append("seeds 7 and 8 drew the same states")
         first = 0  # the entry of the first write after the flush
         for flush, after in ((0, 0), (1, 2), (2, 3)):
-            mine = [(image, lost) for name, image, lost in drawn if name.startswith(f"flush {after} lost")]
+            mine = [(image, lost) for name, image, lost in drawn if name.startswith(f"flush {after} draw")]
             if not 1 <= len(mine) <= SUBSETS:
                 bad.append(f"{len(mine)} drawn states after flush {flush}")
             for image, lost in mine:
@@ -140,7 +140,7 @@ def main():
             first += len(interval[flush]) + 1 + (flush == 0)
         # The run written twice only tells whether writes are kept in order and put back in the
         # reverse order when a drawn state keeps both and another state follows it.
-        both = [i for i, (name, _, lost) in enumerate(drawn) if name.startswith("flush 0 lost") and
+        both = [i for i, (name, _, lost) in enumerate(drawn) if name.startswith("flush 0 draw") and
                 not {0, 1} & set(lost)]
         if not both or both[0] == len(drawn) - 1:
             bad.append("no drawn state after flush 0 keeps both writes of its first run, before another state")
