@@ -273,6 +273,7 @@ class FlushJudge:
         self.starts, self.ends, self.marks = starts, ends, marks
         self.last = {}  # stretch -> (state's name, files) of its last state
         self.judged = 0
+        self.counts = {}  # stretch -> states judged in it
         self.failures = []
 
     def stretch_at(self, offset):
@@ -286,6 +287,7 @@ class FlushJudge:
         gives the states that lose writes before the flush that keeps them all.)"""
         stretch = self.stretch_at(offset)
         self.judged += 1
+        self.counts[stretch] = self.counts.get(stretch, 0) + 1
         self.last[stretch] = (name, files)
         problems = judge_files(files, fs, stretch, self.starts.get(stretch), self.ends.get(stretch))
         for problem in problems:
@@ -755,6 +757,8 @@ class Harness:
         print(f"powercut: {len(log.entries)} log entries, {flushes} flushes, {judge.judged} states judged "
               f"({read} images read), {len(failures)} failures, replay and judgement {seconds / 60:.1f} min, "
               f"cycle {cycle / 60:.1f} min")
+        print("powercut: states by stretch: "
+              + ", ".join(f"{STRETCHES[s]} {n}" for s, n in sorted(judge.counts.items())))
         good = not failures and not self.failures
         print(f"powercut: {'PASS' if good else 'FAIL'}: every flush of one cycle (seed {args.seed})")
         return 0 if good else 1
