@@ -62,7 +62,7 @@ from cycle import BENCH_ENDED, HALTED, PANEL, Cycle
 from deadline import Deadline
 from logreplay import Log, LogError, Replay
 from machine import Machine, StartError, board_arguments
-from nand import read_after_cut
+from nand import NandError, read_after_cut
 from run import TAPS, bench_running, setup_network, wait_for_screen
 
 STARTER = "/home/TOV/tov_starter"
@@ -294,6 +294,16 @@ class FlushJudge:
             self.failures.append(f"{name} ({STRETCHES[stretch]}): {problem}")
         return problems
 
+    def unreadable(self, name, offset, why):
+        """A state whose files could not be read: it fails."""
+        stretch = self.stretch_at(offset)
+        self.judged += 1
+        self.counts[stretch] = self.counts.get(stretch, 0) + 1
+        self.last[stretch] = (name, {})
+        problem = f"the NAND could not be read: {why}"
+        self.failures.append(f"{name} ({STRETCHES[stretch]}): {problem}")
+        return [problem]
+
     def finish(self):
         """Each stretch's last state must be its end: a replay that lost writes, or a stretch the
         log never reached, fails here."""
@@ -319,14 +329,20 @@ def judge_log(log, first, scratch, judge, subsets, seed, keep=None):
     previous = None
     for state in Replay(log, first, work, subsets, seed).states():
         if state.changed or previous is None:
-            previous = read_after_cut(work, FILES, scratch)
             read += 1
-        problems = judge.judge(state.name, state.offset, *previous)
+            try:
+                previous = read_after_cut(work, FILES, scratch)
+            except NandError as error:
+                previous, why = None, " ".join(str(error).split())
+        if previous is None:
+            problems = judge.unreadable(state.name, state.offset, why)
+        else:
+            problems = judge.judge(state.name, state.offset, *previous)
         if problems and keep and kept < 3:
             # For a look with debugfs.
             kept += 1
-            subprocess.run(["cp", "--sparse=always", work,
-                            os.path.join(keep, f"failed-{state.name.replace(' ', '-')}.img")])
+            name = state.name.replace(" ", "-").replace("/", "of")
+            subprocess.run(["cp", "--sparse=always", work, os.path.join(keep, f"failed-{name}.img")])
         for problem in problems:
             # The first ones tell; the count says the rest.
             if len(judge.failures) <= 100:

@@ -131,7 +131,7 @@ def variants():
 
 
 # The same cycle on a small NAND image, one version a step: (file, version or None to delete,
-# whether the step ends its stretch). Its log is replayed, each state read as after a cut.
+# whether the step ends its stretch; or None, (byte, bytes written there), whether). Its log is replayed, each state read as after a cut.
 STEPS = [(IFACES, FORM, False), (PHASE, P1, True), (PHASE, P2, True), (STARTER, PROD_STARTER, False),
          (PHASE, None, False), (IFACES, FACTORY, True), ("/home/TOV/tovQT", (b"#!/bin/sh\n", 0o755), False)]
 
@@ -153,16 +153,23 @@ def replayed_cycle(folder, steps):
     entries, marks, length = [], {}, 512
     for number, (path, version, ends) in enumerate(steps):
         before = open(image, "rb").read()
-        where = image_path(path)
-        requests = [f"rm {where}"]
-        if version is not None:
-            with open(os.path.join(folder, "text"), "wb") as f:
-                f.write(version[0])
-            requests += [f"write {os.path.join(folder, 'text')} {where}", f"sif {where} mode 0100{version[1]:o}"]
-        with open(os.path.join(folder, "requests"), "w") as f:
-            f.write("\n".join(requests) + "\n")
-        subprocess.run(["debugfs", "-w", "-f", os.path.join(folder, "requests"), image], check=True,
-                       capture_output=True)
+        if path is None:  # bytes written as they stand: (byte, bytes)
+            with open(image, "r+b") as f:
+                f.seek(version[0])
+                f.write(version[1])
+            version, path = None, None
+        else:
+            where = image_path(path)
+            requests = [f"rm {where}"]
+            if version is not None:
+                with open(os.path.join(folder, "text"), "wb") as f:
+                    f.write(version[0])
+                requests += [f"write {os.path.join(folder, 'text')} {where}",
+                             f"sif {where} mode 0100{version[1]:o}"]
+            with open(os.path.join(folder, "requests"), "w") as f:
+                f.write("\n".join(requests) + "\n")
+            subprocess.run(["debugfs", "-w", "-f", os.path.join(folder, "requests"), image], check=True,
+                           capture_output=True)
         step = [entry(s, d) for s, d in runs(before, open(image, "rb").read())] + [entry(flags=FLUSH)]
         entries += step
         length += sum(len(e) for e in step)
@@ -243,6 +250,8 @@ def main():
          ["flush 6", "interfaces cut short"]),
         ("the starter cut after its first line", (3, (STARTER, short(PROD_STARTER, 10), False)),
          ["flush 4", "starter cut short"]),
+        ("a NAND that cannot be read (its superblock overwritten)", (3, (None, (1024, b"\xff" * 1024), False)),
+         ["flush 4", "could not be read"]),
     ]:
         steps = list(STEPS)
         if change:
