@@ -175,7 +175,8 @@ def main():
                 bad.append(f"{what}: reading stopped at {log.stop!r}")
             elif len(log.entries) != count:
                 bad.append(f"{what}: {len(log.entries)} entries read, not {count}")
-        # A cut-short write is left out, and only it: the end holds the others.
+        # A cut-short write is left out, and only it: the end holds the others (the last write
+        # is the last run of sectors, the others all before it).
         if not bad:
             _, states = replay(folder, cut, start)
             s, data = writes[2][-1]
