@@ -31,6 +31,16 @@ def board_arguments():
     return parser
 
 
+def nand_drive(disk, log=None):
+    """The NAND's drive: the image, or with LOG the image through QEMU's blklogwrites, which
+    appends each write the board makes, and each flush, to LOG (sim/board/logreplay.py reads it).
+    LOG must be empty: QEMU writes it from its start on and leaves whatever followed."""
+    if log is None:
+        return f"file={disk},if=none,format=raw,id=nand,cache=writeback"
+    return (f"driver=blklogwrites,file.driver=file,file.filename={disk},log.driver=file,"
+            f"log.filename={log},if=none,id=nand,cache=writeback")
+
+
 class StartError(Exception):
     """A program the harness started ended before it was ready."""
 
@@ -41,7 +51,7 @@ def log_tail(path, lines=10):
 
 
 class Machine:
-    def __init__(self, kernel, initrd, disk, folder, uart, taps, append="", window=False):
+    def __init__(self, kernel, initrd, disk, folder, uart, taps, append="", window=False, log=None):
         self.folder = folder
         self.qmp_path = os.path.join(folder, "qmp.sock")
         self.console_path = os.path.join(folder, "console.sock")
@@ -58,8 +68,10 @@ class Machine:
             "-chardev", f"socket,id=console,path={self.console_path},server=on,wait=off",
             "-serial", "chardev:console",
             "-qmp", f"unix:{self.qmp_path},server=on,wait=off",
-            "-drive", f"file={disk},if=none,format=raw,id=nand,cache=writeback",
-            "-device", "virtio-blk-pci,drive=nand",
+            "-drive", nand_drive(disk, log),
+            # With a log, no write-zeroes requests: QEMU 7.2's blklogwrites logs one's entry and
+            # its zeroes in two steps another request may come between, which breaks the log.
+            "-device", "virtio-blk-pci,drive=nand" + (",write-zeroes=off" if log else ""),
             "-device", f"virtio-gpu-pci,id=gpu0,xres={SCREEN_W},yres={SCREEN_H}",
             "-device", "virtio-tablet-pci,id=touch",
             # The kernel's messages, every level, on a port of their own (the guest's /dev/hvc0).

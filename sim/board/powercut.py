@@ -8,6 +8,14 @@ and the next boot the NAND image is read on this machine (nand.py); then the boa
 from the same image and the cycle goes on from wherever the unit came back, until the hand-over.
 
     powercut.py --out DIR --kernel FILE --initrd FILE --disk FILE --cuts N --seed S
+    powercut.py --out DIR --kernel FILE --initrd FILE --disk FILE --every-flush [--subsets K] --seed S
+
+With --every-flush no power is pulled: one uncut cycle runs with the NAND behind QEMU's write log
+(OUT/nand.log; the image as it began, OUT/nand-start.img), and the log is then replayed
+(logreplay.py): the NAND at every flush, and after each flush at most K states drawn with the seed
+that lose a part of the writes the NAND had not yet been told to keep. Each state is read as after
+a cut (nand.py) and judged as a cut in the stretch its last write fell in, below, without the
+boot; the last state of each stretch must be the files the board read at that stretch's end.
 
 The cycle's boots, the stretches of time the instants are drawn over:
   stretch 0  first boot: the network form (the interfaces file), test phase 1, the phase file
@@ -23,8 +31,9 @@ before its time is made at that reboot.
 Judgement of a cut in stretch S, against the files at the start of the same boot (START) and at the
 end of stretch S as the cycle left them uncut (END: read on the board when it next booted after an
 orderly reboot, or, when no pass of S ended that way, read on the board after the bench had written
-them all; when neither was seen, the changed files are only named as not compared and the unit must
-come back to START's phase or the next one):
+them all; the hand-over's END is known before: START's starter naming the production application,
+mode 755, no phase file, and the factory interfaces file as the cycle's end showed it). A cut whose
+START or END was never seen cannot be compared, and fails:
   - the file system needs nothing beyond its journal's replay;
   - the starter, the phase file and the interfaces file each are as at START or as at END, mode
     included (a file the stretch does not change: as at START);
@@ -42,6 +51,7 @@ starts it, the phase file is gone.
 import base64
 import os
 import random
+import subprocess
 import sys
 import tempfile
 import threading
@@ -50,8 +60,9 @@ import time
 from console import ConsoleClosed, ConsoleError, ConsoleTimeout
 from cycle import BENCH_ENDED, HALTED, PANEL, Cycle
 from deadline import Deadline
+from logreplay import Log, LogError, Replay
 from machine import Machine, StartError, board_arguments
-from nand import read_after_cut
+from nand import NandError, read_after_cut
 from run import TAPS, bench_running, setup_network, wait_for_screen
 
 STARTER = "/home/TOV/tov_starter"
@@ -73,8 +84,6 @@ STRETCHES = ("first boot: form and phase 1", "phase 2", "phase 3 and hand-over",
 # The files each stretch changes, in the order the cycle changes them.
 CHANGES = {0: (IFACES, PHASE), 1: (PHASE,), 2: (STARTER, PHASE, IFACES), 3: ()}
 FIRST_TEST_LINE = "Kernel Version"
-# What the unit starts once a stretch's files are all written.
-NEXT = {0: "test after phase 1", 1: "test after phase 2", 2: "production", 3: "production"}
 
 
 def program_of(files):
@@ -150,6 +159,197 @@ def between(start, end, stretch):
             files[path] = end.get(path)
         states.append(files)
     return states
+
+
+# The hand-over's network, as the bench's documentation gives it (docs/board.md): the lines a
+# whole factory interfaces file holds.
+FACTORY_LINES = ("auto eth0", "iface eth0 inet static", " address 192.168.1.48", " netmask 255.255.255.0",
+                 " gateway 192.168.1.1")
+
+
+def handed_over(start, interfaces):
+    """The files the hand-over leaves, known before it: the starter of START (the files at the
+    start of its stretch) with its program line naming the production application, mode 755, no
+    phase file, and INTERFACES, the factory interfaces file as the cycle showed it at its end.
+    Returns (files, None), or (None, why they cannot be known)."""
+    starter = start.get(STARTER) if start else None
+    if starter is None or program_of(start) != BENCH:
+        return None, f"the hand-over's stretch starts with {show(start) if start else 'files never seen'}"
+    lines = starter[0].split(b"\n")
+    lines = [b"TOV_BIN_NAME=" + PRODUCTION.encode() if line.startswith(b"TOV_BIN_NAME=") else line
+             for line in lines]
+    why = not_factory(interfaces)
+    if why:
+        return None, f"the interfaces file at the cycle's end {why}"
+    return {STARTER: (b"\n".join(lines), 0o755), PHASE: None, IFACES: interfaces}, None
+
+
+def not_factory(interfaces):
+    """Why INTERFACES is not a whole factory interfaces file, or None."""
+    if interfaces is None:
+        return "is missing"
+    text = interfaces[0].decode("utf-8", "replace")
+    missing = [line.strip() for line in FACTORY_LINES if line not in text.split("\n")]
+    if missing:
+        return "lacks " + ", ".join(missing)
+    return None if text.endswith("\n") else "has no line end at its end"
+
+
+def hand_over_flaws(files):
+    """What keeps FILES, read after the hand-over, from being what it must leave."""
+    flaws = []
+    if program_of(files) != PRODUCTION or files[STARTER][1] != 0o755:
+        flaws.append("the starter is not the production one with mode 755")
+    if files[PHASE] is not None:
+        flaws.append("a phase file is left")
+    why = not_factory(files[IFACES])
+    if why:
+        flaws.append(f"the interfaces file {why}")
+    return flaws
+
+
+def flaw(path, left, allowed):
+    """What is wrong with LEFT, the version of PATH a state holds, where ALLOWED are those the
+    cycle has at that point."""
+    if left is None:
+        return "missing"
+    if not left[0]:
+        return "empty"
+    versions = [a for a in allowed if a is not None]
+    if any(left[0] == a[0] for a in versions):
+        return f"mode {left[1]:o} where the cycle gives " + " or ".join(sorted({f"{a[1]:o}" for a in versions}))
+    if any(a[0].startswith(left[0]) for a in versions):
+        return "cut short"
+    if path == PHASE:
+        # Against the phases the cycle had written, not a deleted phase file's 0.
+        phase, phases = phase_of({PHASE: left}), [phase_of({PHASE: a}) for a in versions]
+        if phase is not None and phases and all(p is not None and phase < p for p in phases):
+            was = " or ".join(map(str, sorted(set(phases))))
+            return f"goes back to phase {phase} where the cycle was at phase {was}"
+    return "neither as before nor as after"
+
+
+def judge_files(left, fs, stretch, start, end, seen=None, came_back=None):
+    """The failures of LEFT, the files a state holds ({path: (content, mode) or None}), FS the
+    reading of its file system, at an instant of STRETCH, whose files were START at its start and
+    END at its end. SEEN: the files the next boot saw; CAME_BACK: what it started (what the files
+    start when not booted). A state whose START or END is unknown cannot be compared: it fails."""
+    problems = []
+    if fs not in ("clean", "journal replayed"):
+        problems.append(f"file system {fs}")
+    for files, what in ((start, "start"), (end, "end")):
+        if files is None:
+            problems.append(f"not compared: the {what} of {STRETCHES[stretch]} is unknown")
+    if start is None or end is None:
+        return problems
+    instants = between(start, end, stretch)
+    wrong = False
+    for path in FILES:
+        allowed = [files[path] for files in instants]
+        if left[path] not in allowed:
+            wrong = True
+            problems.append(f"{NAMES[path]} {flaw(path, left[path], allowed)}")
+    if not wrong and key(left) not in {key(f) for f in instants}:
+        problems.append("the files are not as at any one instant (a later change without an earlier one)")
+    if seen is not None and key(seen) != key(left):
+        problems.append(f"the board saw other files than the image held: {show(seen)}")
+    outcomes = {outcome_of(f) for f in instants}
+    came_back = came_back or outcome_of(left)
+    if came_back not in outcomes:
+        problems.append(f"came back to '{came_back}' where the cycle was at {' or '.join(sorted(outcomes))}")
+    return problems
+
+
+class FlushJudge:
+    """The judgement of the states a replay of the NAND's write log gives for one uncut cycle.
+
+    STARTS and ENDS: {stretch: files at its start / end} as the cycle showed them (None or absent
+    when not seen); MARKS: {stretch: the log's length when its orderly end was seen}. A state is
+    judged in the stretch its last entry is in. (One that may have lost writes from before a mark
+    holds the files of that stretch's end, since the orderly end flushes the NAND before the mark:
+    the next stretch's start.) The last state of each stretch must be that stretch's end."""
+
+    def __init__(self, starts, ends, marks):
+        self.starts, self.ends, self.marks = starts, ends, marks
+        self.last = {}  # stretch -> (state's name, files) of its last state
+        self.judged = 0
+        self.counts = {}  # stretch -> states judged in it
+        self.failures = []
+
+    def stretch_at(self, offset):
+        stretch = 0
+        while stretch in self.marks and self.marks[stretch] < offset:
+            stretch += 1
+        return stretch
+
+    def judge(self, name, offset, files, fs):
+        """Judges the state NAME, whose last entry ends at byte OFFSET of the log. (The replay
+        gives the states that lose writes before the flush that keeps them all.)"""
+        stretch = self.stretch_at(offset)
+        self.judged += 1
+        self.counts[stretch] = self.counts.get(stretch, 0) + 1
+        self.last[stretch] = (name, files)
+        problems = judge_files(files, fs, stretch, self.starts.get(stretch), self.ends.get(stretch))
+        for problem in problems:
+            self.failures.append(f"{name} ({STRETCHES[stretch]}): {problem}")
+        return problems
+
+    def unreadable(self, name, offset, why):
+        """A state whose files could not be read: it fails."""
+        stretch = self.stretch_at(offset)
+        self.judged += 1
+        self.counts[stretch] = self.counts.get(stretch, 0) + 1
+        self.last[stretch] = (name, {})
+        problem = f"the NAND could not be read: {why}"
+        self.failures.append(f"{name} ({STRETCHES[stretch]}): {problem}")
+        return [problem]
+
+    def finish(self):
+        """Each stretch's last state must be its end: a replay that lost writes, or a stretch the
+        log never reached, fails here."""
+        for stretch in range(len(STRETCHES)):
+            end = self.ends.get(stretch)
+            if stretch not in self.last:
+                self.failures.append(f"no state of {STRETCHES[stretch]} in the log")
+            elif end is not None and key(self.last[stretch][1]) != key(end):
+                name, files = self.last[stretch]
+                self.failures.append(f"{name}, the last state of {STRETCHES[stretch]}, holds {show(files)}, "
+                                     f"not its end {show(end)}")
+        return self.failures
+
+
+def judge_log(log, first, scratch, judge, subsets, seed, keep=None):
+    """Replays LOG (a logreplay.Log) onto FIRST, the image as the log began, and judges each of
+    its states with JUDGE (a FlushJudge), each read as after a cut. Returns how many images were
+    read (a flush with no write since the state before it is that state again). KEEP: a folder
+    for the images of the first failing states."""
+    work = os.path.join(scratch, "state.img")
+    started = time.monotonic()
+    read = kept = 0
+    previous = None
+    for state in Replay(log, first, work, subsets, seed).states():
+        if state.changed or previous is None:
+            read += 1
+            try:
+                previous = read_after_cut(work, FILES, scratch)
+            except NandError as error:
+                previous, why = None, " ".join(str(error).split())
+        if previous is None:
+            problems = judge.unreadable(state.name, state.offset, why)
+        else:
+            problems = judge.judge(state.name, state.offset, *previous)
+        if problems and keep and kept < 3:
+            # For a look with debugfs.
+            kept += 1
+            name = state.name.replace(" ", "-").replace("/", "of")
+            subprocess.run(["cp", "--sparse=always", work, os.path.join(keep, f"failed-{name}.img")])
+        for problem in problems:
+            # The first ones tell; the count says the rest.
+            if len(judge.failures) <= 100:
+                print(f"powercut: FAIL {state.name}: {problem}", flush=True)
+        if judge.judged % 200 == 0:
+            print(f"powercut:   {judge.judged} states judged, {time.monotonic() - started:.0f} s", flush=True)
+    return read
 
 
 # --- the board and its files ------------------------------------------------------------------
@@ -290,6 +490,8 @@ class Harness:
         self.failures = []
         self.final = None
         self.last_cut = None
+        self.log = None  # the NAND's write log, when the cycle runs with one
+        self.marks = {}  # stretch -> the log's length when its orderly end was seen
 
     def fail(self, text):
         print(f"powercut: FAIL {text}", flush=True)
@@ -331,7 +533,8 @@ class Harness:
         """One life of the board, from QEMU's start to a cut or the hand-over. Returns True at
         the hand-over with no cut left, False after a cut."""
         os.makedirs(folder, exist_ok=True)
-        board = Machine(self.args.kernel, self.args.initrd, self.args.disk, folder, "/dev/ttySAC1", TAPS)
+        board = Machine(self.args.kernel, self.args.initrd, self.args.disk, folder, "/dev/ttySAC1", TAPS,
+                        log=self.log)
         cycle = Cycle(board, folder)
         cutter = Cutter(board)
         first_boot = True
@@ -374,6 +577,10 @@ class Harness:
                 if form is not None:
                     cycle.operate_form(form)
                 self.wait_reboot(board, stretch, start_files)
+                if self.log is not None:
+                    # The board says it halted once the NAND is unmounted: the stretch's writes
+                    # are all in the log by then, the next boot's not yet.
+                    self.marks.setdefault(stretch, os.path.getsize(self.log))
                 self.lengths.setdefault(stretch, time.monotonic() - began)
                 if cutter.armed():
                     cut.note = f" (at the reboot: the boot ended after {time.monotonic() - began:.0f} s)"
@@ -397,41 +604,21 @@ class Harness:
                 except Exception:
                     pass
 
+    def end_of(self, stretch, start):
+        """The files at the end of STRETCH, whose start was START, or None when not known."""
+        if stretch == 3:
+            return start
+        if stretch == 2:
+            # Known before the cycle but for the factory interfaces file's text, seen at its end.
+            seen = self.end.get(2) or self.polled.get(2) or (self.final[0] if self.final else None)
+            return handed_over(start, seen.get(IFACES) if seen else None)[0]
+        return self.end.get(stretch) or self.polled.get(stretch)
+
     def judge(self, cut):
-        """(failures, files whose new version could not be checked) of one cut."""
+        """The failures of one cut."""
         s = cut.made_in
         start = cut.start or self.end.get(s - 1) or self.polled.get(s - 1)
-        if start is None:
-            start = cut.left
-        end = start if s == 3 else self.end.get(s) or self.polled.get(s)
-        problems, unverified = [], []
-        if cut.fs not in ("clean", "journal replayed"):
-            problems.append(f"file system {cut.fs}")
-        left = cut.left
-        for path in FILES:
-            if path in CHANGES[s] and end is None:
-                if left[path] != start[path]:
-                    unverified.append(NAMES[path])
-                continue
-            allowed = {start[path]} | ({end[path]} if path in CHANGES[s] else set())
-            if left[path] not in allowed:
-                what = "missing" if left[path] is None else (
-                    "empty" if not left[path][0] else "neither as before nor as after")
-                problems.append(f"{NAMES[path]} {what}")
-        if end is not None:
-            instants = between(start, end, s)
-            if not problems and key(left) not in {key(f) for f in instants}:
-                problems.append("the files are not as at any one instant (a later change without an earlier one)")
-            allowed = {outcome_of(f) for f in instants}
-        else:
-            allowed = {outcome_of(start), NEXT[s]}
-        if cut.seen is not None and key(cut.seen) != key(left):
-            problems.append(f"the board saw other files than the image held: {show(cut.seen)}")
-        came_back = cut.came_back or outcome_of(left)
-        if came_back not in allowed:
-            problems.append(f"came back to '{came_back}' where the cycle was at "
-                            f"{' or '.join(sorted(allowed))}")
-        return problems, unverified
+        return judge_files(cut.left, cut.fs, s, start, self.end_of(s, start), cut.seen, cut.came_back)
 
     def run(self):
         args = self.args
@@ -493,15 +680,12 @@ class Harness:
                 print(f"  cut {cut.number:2}: not made")
                 unjudged += 1
                 continue
-            problems, unverified = self.judge(cut)
+            problems = self.judge(cut)
             if problems:
                 verdict = "FAIL " + "; ".join(problems)
                 failed += 1
             else:
                 verdict = "ok"
-            if unverified:
-                verdict += (f" (new {', '.join(unverified)} not compared: the cycle never showed "
-                            f"that stretch's end uncut)")
             print(f"  cut {cut.number:2} {cut.where()}: {show(cut.left)} -> "
                   f"{cut.came_back or 'cut again before what it started was seen'}: {verdict}")
         if self.lengths:
@@ -510,8 +694,9 @@ class Harness:
         if finished:
             files, came_back = self.final
             print(f"powercut: the cycle finished: {show(files)}; {came_back}")
-            if files[PHASE] is not None or came_back != "production":
-                self.fail("the hand-over left a phase file or did not start the production application")
+            for flaw_ in hand_over_flaws(files) + ([] if came_back == "production" else
+                                                   [f"the unit started '{came_back}'"]):
+                self.fail(f"after the hand-over {flaw_}")
         else:
             self.fail("the cycle did not reach the hand-over")
         good = finished and not failed and not self.failures and unjudged == 0
@@ -521,11 +706,89 @@ class Harness:
         return 0 if good else 1
 
 
+    def every_flush(self):
+        """One uncut cycle with the NAND's writes logged, then every state the log gives (each
+        flush, and drawn losses of the writes between flushes) read as after a cut and judged."""
+        args = self.args
+        print(f"powercut: one cycle with the NAND's write log, then every flush replayed "
+              f"({args.subsets} drawn states at most after each, seed {args.seed})", flush=True)
+        try:
+            setup_network(self.out)
+        except StartError as error:
+            self.fail(str(error))
+            return 1
+        start, fs = read_after_cut(args.disk, FILES, self.scratch)
+        if stretch_of(start) != 0:
+            self.fail(f"the fresh NAND is not at the cycle's start: {show(start)}")
+            return 1
+        # The log replays onto the image as it was when the log began.
+        first = os.path.join(self.out, "nand-start.img")
+        subprocess.run(["cp", "--sparse=always", args.disk, first], check=True)
+        self.log = os.path.join(self.out, "nand.log")
+        open(self.log, "wb").close()
+        started = time.monotonic()
+        folder = os.path.join(self.out, "life01")
+        try:
+            self.play(folder, 0, start, None)
+        except Exception as error:
+            self.fail(f"{error} (logs in {folder})")
+            return 1
+        cycle = time.monotonic() - started
+        files, came_back = self.final
+        print(f"powercut: the cycle finished in {cycle / 60:.1f} min: {show(files)}; {came_back}", flush=True)
+        for flaw_ in hand_over_flaws(files) + ([] if came_back == "production" else
+                                               [f"the unit started '{came_back}'"]):
+            self.fail(f"after the hand-over {flaw_}")
+        ends = {0: self.end.get(0), 1: self.end.get(1)}
+        ends[2], why = handed_over(ends[1], files.get(IFACES))
+        if why:
+            self.fail(f"the hand-over's end is not known: {why}")
+        elif key(files) != key(ends[2]):
+            self.fail(f"after the hand-over the board read {show(files)}, not the known end {show(ends[2])}")
+        ends[3] = ends[2]
+        starts = {0: start, 1: ends[0], 2: ends[1], 3: ends[2]}
+        try:
+            log = Log(self.log)
+        except LogError as error:
+            self.fail(str(error))
+            return 1
+        print(f"powercut: the log: {log.describe()}; stretches end at bytes "
+              + ", ".join(f"{self.marks[s]}" for s in sorted(self.marks)), flush=True)
+        if log.stop:
+            # QEMU ended in order: its log must be whole.
+            self.fail(f"the log of a cycle QEMU ended in order stops early: {log.stop}")
+        judge = FlushJudge(starts, ends, self.marks)
+        replayed = time.monotonic()
+        read = 0
+        try:
+            read = judge_log(log, first, self.scratch, judge, args.subsets, args.seed, keep=self.out)
+        except LogError as error:
+            self.fail(str(error))
+        during = len(judge.failures)
+        failures = judge.finish()
+        for failure in failures[during:]:
+            print(f"powercut: FAIL {failure}")
+        seconds = time.monotonic() - replayed
+        flushes = log.barriers()
+        print(f"powercut: {len(log.entries)} log entries, {flushes} flushes, {judge.judged} states judged "
+              f"({read} images read), {len(failures)} failures, replay and judgement {seconds / 60:.1f} min, "
+              f"cycle {cycle / 60:.1f} min")
+        print("powercut: states by stretch: "
+              + ", ".join(f"{STRETCHES[s]} {n}" for s, n in sorted(judge.counts.items())))
+        good = not failures and not self.failures
+        print(f"powercut: {'PASS' if good else 'FAIL'}: every flush of one cycle (seed {args.seed})")
+        return 0 if good else 1
+
+
 def main():
     parser = board_arguments()
     parser.add_argument("--cuts", type=int, default=20)
     parser.add_argument("--seed", type=int, required=True)
-    return Harness(parser.parse_args()).run()
+    parser.add_argument("--every-flush", action="store_true")
+    parser.add_argument("--subsets", type=int, default=2)
+    args = parser.parse_args()
+    harness = Harness(args)
+    return harness.every_flush() if args.every_flush else harness.run()
 
 
 if __name__ == "__main__":
