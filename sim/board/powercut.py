@@ -31,7 +31,7 @@ before its time is made at that reboot.
 Judgement of a cut in stretch S, against the files at the start of the same boot (START) and at the
 end of stretch S as the cycle left them uncut (END: read on the board when it next booted after an
 orderly reboot, or, when no pass of S ended that way, read on the board after the bench had written
-them all; the hand-over's END is known before: START's starter naming the production application,
+them all; phase 2's END is known before: START with the phase file one phase on; so is the hand-over's: START's starter naming the production application,
 mode 755, no phase file, and the factory interfaces file as the cycle's end showed it). A cut whose
 START or END was never seen cannot be compared, and fails:
   - the file system needs nothing beyond its journal's replay;
@@ -165,6 +165,19 @@ def between(start, end, stretch):
 # whole factory interfaces file holds.
 FACTORY_LINES = ("auto eth0", "iface eth0 inet static", " address 192.168.1.48", " netmask 255.255.255.0",
                  " gateway 192.168.1.1")
+
+
+def phase_passed(start):
+    """The files a test phase that passes leaves, known before it: START with the phase file one
+    phase on (the bench writes its three lines again, the restore choice and the server address as
+    they were), or None when START has no phase to go on from."""
+    phase = phase_of(start) if start else None
+    if not phase:
+        return None
+    content, mode = start[PHASE]
+    files = dict(start)
+    files[PHASE] = (b"%d\n" % (phase + 1) + content.split(b"\n", 1)[1], mode)
+    return files
 
 
 def handed_over(start, interfaces):
@@ -612,6 +625,9 @@ class Harness:
             # Known before the cycle but for the factory interfaces file's text, seen at its end.
             seen = self.end.get(2) or self.polled.get(2) or (self.final[0] if self.final else None)
             return handed_over(start, seen.get(IFACES) if seen else None)[0]
+        if stretch == 1:
+            # Known before: a cut just after the phase file's write may come before any reading.
+            return self.end.get(1) or self.polled.get(1) or phase_passed(start)
         return self.end.get(stretch) or self.polled.get(stretch)
 
     def judge(self, cut):
@@ -620,6 +636,20 @@ class Harness:
         start = cut.start or self.end.get(s - 1) or self.polled.get(s - 1)
         return judge_files(cut.left, cut.fs, s, start, self.end_of(s, start), cut.seen, cut.came_back)
 
+    def fresh_start(self):
+        """The network around the board and the fresh NAND's files, or None (failed) when either
+        is not there to start a cycle from."""
+        try:
+            setup_network(self.out)
+        except StartError as error:
+            self.fail(str(error))
+            return None
+        start, _ = read_after_cut(self.args.disk, FILES, self.scratch)
+        if stretch_of(start) != 0:
+            self.fail(f"the fresh NAND is not at the cycle's start: {show(start)}")
+            return None
+        return start
+
     def run(self):
         args = self.args
         seed = args.seed
@@ -627,16 +657,10 @@ class Harness:
         cuts = plan(rng, args.cuts)
         print(f"powercut: {len(cuts)} cuts, seed {seed}, over a cycle of about {sum(NOMINAL)} s "
               f"({', '.join(f'{STRETCHES[i]} {n} s' for i, n in enumerate(NOMINAL))})", flush=True)
-        try:
-            setup_network(self.out)
-        except StartError as error:
-            self.fail(str(error))
+        start = self.fresh_start()
+        if start is None:
             return 1
-        start, fs = read_after_cut(args.disk, FILES, self.scratch)
-        stretch = stretch_of(start)
-        if stretch != 0:
-            self.fail(f"the fresh NAND is not at the cycle's start: {show(start)}")
-            return 1
+        stretch = 0
         self.last_cut = None
         pending = list(cuts)
         life = 0
@@ -705,21 +729,14 @@ class Harness:
               f"{minutes:.1f} min (seed {seed})")
         return 0 if good else 1
 
-
     def every_flush(self):
         """One uncut cycle with the NAND's writes logged, then every state the log gives (each
         flush, and drawn losses of the writes between flushes) read as after a cut and judged."""
         args = self.args
         print(f"powercut: one cycle with the NAND's write log, then every flush replayed "
               f"({args.subsets} drawn states at most after each, seed {args.seed})", flush=True)
-        try:
-            setup_network(self.out)
-        except StartError as error:
-            self.fail(str(error))
-            return 1
-        start, fs = read_after_cut(args.disk, FILES, self.scratch)
-        if stretch_of(start) != 0:
-            self.fail(f"the fresh NAND is not at the cycle's start: {show(start)}")
+        start = self.fresh_start()
+        if start is None:
             return 1
         # The log replays onto the image as it was when the log began.
         first = os.path.join(self.out, "nand-start.img")

@@ -212,8 +212,9 @@ def main():
         # The boot's start (and the stretch's end) never seen: the cut cannot be compared.
         unseen = powercut.Cut(1, 1, 10.0)
         unseen.made_in, unseen.left, unseen.fs = 1, MID, "clean"
-        endless = powercut.Cut(1, 1, 10.0)
-        endless.made_in, endless.start, endless.left, endless.fs = 1, MID, MID, "clean"
+        # The form's phase: its end is known only once seen (the operator's network settings).
+        endless = powercut.Cut(1, 0, 10.0)
+        endless.made_in, endless.start, endless.left, endless.fs = 0, S0, S0, "clean"
         for what, c, end in (("the board saw other files than the image held", cut, START),
                              ("an interfaces file that phase 2 rewrote", rewrote, files(BENCH_STARTER, P2, FACTORY)),
                              ("a cut whose start was never seen", unseen, START),
@@ -226,6 +227,19 @@ def main():
                 bad += 1
                 print(f"FAIL {what}, judged ok")
         count += len(CUTS) + 5
+        # Phase 2's end unseen (the cut came between the phase file's write and its reading): the
+        # phase that passes is known before.
+        harness.end.pop(1, None)
+        for what, phase, words in (("phase 2 passed, its end unseen", P2, None),
+                                   ("phase 2's phase file cut short, its end unseen", short(P2, 2), "cut short")):
+            cut = powercut.Cut(1, 1, 10.0)
+            cut.made_in, cut.start, cut.fs = 1, MID, "clean"
+            cut.left = files(BENCH_STARTER, phase, FORM)
+            problems = harness.judge(cut)
+            if (words is None) != (not problems) or words and not any(words in p for p in problems):
+                bad += 1
+                print(f"FAIL {what}: judged {'; '.join(problems) or 'ok'}")
+        count += 2
 
         for what, left, (stretch, start, end), words in STATES:
             problems = judge_files(left, "clean", stretch, start, end)
