@@ -57,6 +57,7 @@ class Machine:
         self.console_path = os.path.join(folder, "console.sock")
         self.kernel_log = os.path.join(folder, "kernel.log")
         self.kernel_read = 0
+        self.bench_output = os.path.join(folder, "bench.out")
         self.command = [
             "nice", "-n", "5", "qemu-system-arm",
             "-M", "virt,highmem=off", "-cpu", "cortex-a15", "-smp", "1", "-m", "128",
@@ -78,13 +79,20 @@ class Machine:
             "-device", "virtio-serial-pci,id=ports",
             "-chardev", f"file,id=kmsg,path={self.kernel_log}",
             "-device", "virtconsole,chardev=kmsg,name=kmsg",
+            # The bench's output, every boot's one after the other, as it prints it.
+            "-chardev", f"file,id=bench,path={self.bench_output}",
+            "-device", "virtserialport,chardev=bench,name=bench",
             "-chardev", f"serial,id=rs485,path={uart}",
             "-device", "pci-serial,chardev=rs485",
             "-netdev", f"tap,id=eth0,ifname={taps[0]},script=no,downscript=no",
             "-device", "virtio-net-pci,netdev=eth0,mac=52:54:00:70:00:01,romfile=",
-            "-netdev", f"tap,id=wlan0,ifname={taps[1]},script=no,downscript=no",
-            "-device", "virtio-net-pci,netdev=wlan0,mac=52:54:00:70:00:02,romfile=",
         ]
+        # The wireless dongle is a second NIC; a board without it has no wlan0 at all.
+        if len(taps) > 1:
+            self.command += [
+                "-netdev", f"tap,id=wlan0,ifname={taps[1]},script=no,downscript=no",
+                "-device", "virtio-net-pci,netdev=wlan0,mac=52:54:00:70:00:02,romfile=",
+            ]
         self.process = None
         self.qmp = None
         self.console = None
