@@ -253,7 +253,10 @@ class Cycle:
                 self.touch.tap(*APPLY)
                 self.wait_for_form(boot, form, 1)
                 self.set_cable(True)
-                print("board: the cable plugged after the failed run")
+                # The operator starts again once the unit has its address from the plugged cable.
+                self.board.run("for i in $(seq 60); do ip -4 addr show eth0 | grep -q inet && break; sleep 1; "
+                               "done; ip -4 addr show eth0 | grep -q inet", seconds=90)
+                print("board: the cable plugged after the failed run, eth0 has its address")
                 self.touch.tap(*APPLY)
             elif scenario in ("faulty-module", "server-down"):
                 self.touch.tap(*APPLY)
