@@ -29,6 +29,9 @@ APPLY = (530, 71)
 # Right of the SFTP server's text: the tap puts the cursor at its end.
 SERVER_FIELD = (610, 280)
 SERVER_FIELD_BOX = (438, 270, 626, 291)
+# The reset button under the result panel (phases 2 and 3), and its confirmation's "Yes".
+RESET = (135, 450)
+RESET_YES = (266, 236)
 # The on-screen keyboard, shown with the form only.
 KEYBOARD_BOX = (10, 330, 630, 450)
 # The first choice of the accent popup that a long press on E opens ("é").
@@ -120,6 +123,21 @@ class Cycle:
                 state = "changed" if changed else "came back"
                 raise ConsoleTimeout(f"the screen in {box} never {state} (see unexpected.png)")
             time.sleep(0.3)
+
+    def wait_steady(self, seconds=30):
+        """The screen once two looks half a second apart see the same picture."""
+        deadline = Deadline(seconds)
+        previous = self.shot("now")
+        while True:
+            time.sleep(0.5)
+            now = self.shot("now")
+            if now.same_as(previous):
+                return now
+            if deadline.expired():
+                self.keep(now, "unexpected")
+                raise ConsoleTimeout(f"the screen did not hold still within {deadline.seconds:.0f} s "
+                                     "(see unexpected.png)")
+            previous = now
 
     # --- the operator at the first boot -----------------------------------------------------
 
@@ -272,10 +290,10 @@ class Cycle:
 
     def reset_bench(self, boot):
         self.wait_line(boot, "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes", 300)
-        before = self.shot("now")
+        before = self.wait_steady()
         self.touch.tap(*RESET)
-        box = self.wait_change(before, (0, 0, 640, 480), columns=40)
-        self.keep(box, f"boot{boot}-reset-box")
+        self.wait_change(before, (0, 0, 640, 480), columns=40)
+        self.keep(self.wait_steady(), f"boot{boot}-reset-box")
         self.touch.tap(*RESET_YES)
 
     def run(self, boot, form, phase_seconds=600):

@@ -51,7 +51,7 @@ def log_tail(path, lines=10):
 
 
 class Machine:
-    def __init__(self, kernel, initrd, disk, folder, uart, taps, append="", window=False, log=None):
+    def __init__(self, kernel, initrd, disk, folder, uart, taps, append="", window=False, log=None, stick=None):
         self.folder = folder
         self.qmp_path = os.path.join(folder, "qmp.sock")
         self.console_path = os.path.join(folder, "console.sock")
@@ -87,6 +87,11 @@ class Machine:
             "-netdev", f"tap,id=eth0,ifname={taps[0]},script=no,downscript=no",
             "-device", "virtio-net-pci,netdev=eth0,mac=52:54:00:70:00:01,romfile=",
         ]
+        # The USB port, and a stick in it from the start (an image of its disk).
+        self.command += ["-device", "qemu-xhci,id=usb"]
+        if stick is not None:
+            self.command += ["-drive", f"file={stick},if=none,format=raw,id=stick",
+                             "-device", "usb-storage,bus=usb.0,drive=stick"]
         # The wireless dongle is a second NIC; a board without it has no wlan0 at all.
         if len(taps) > 1:
             self.command += [

@@ -46,6 +46,17 @@ def make_tun():
         sh("mknod", "/dev/net/tun", "c", "10", "200")
 
 
+STICK = os.path.join(os.path.dirname(os.path.realpath(__file__)), "..", "devices", "stick")
+
+
+def make_stick(out):
+    """The customer's USB stick: a FAT disk holding sim/devices/stick's folders."""
+    image = os.path.join(out, "stick.img")
+    sh("mkfs.vfat", "-C", "-n", "STICK", image, "16384")
+    sh("mcopy", "-s", "-i", image, *[os.path.join(STICK, name) for name in sorted(os.listdir(STICK))], "::/")
+    return image
+
+
 def setup_network(out):
     """The unit's eth0 (whose far end is WATCHTOWER's side) and the board's eth0 tap on one bridge;
     wlan0's tap stays alone, a dongle with no access point in reach."""
@@ -131,7 +142,9 @@ def main():
         return 1
     # No wireless dongle: the board has no wlan0 at all. No network: the cable is out from the start.
     taps = TAPS[:1] if args.scenario == "no-network" else TAPS
-    board = Machine(args.kernel, args.initrd, args.disk, out, "/dev/ttySAC1", taps, window=args.manual)
+    stick = make_stick(out) if args.scenario == "usb-restore" else None
+    board = Machine(args.kernel, args.initrd, args.disk, out, "/dev/ttySAC1", taps, window=args.manual,
+                    stick=stick)
     status = 0
     try:
         board.start()
