@@ -34,7 +34,9 @@ RESET = (135, 450)
 RESET_YES = (266, 236)
 # The restore page's "Restaurer Fichiers depuis USB Dongle"; in its folder chooser, the stick's
 # "backup_full" and the button that chooses it.
-USB_RESTORE = (480, 420)
+USB_RESTORE = (471, 366)
+PAGE_EMPTY = ((30, 200), (320, 200), (600, 220))
+BACKGROUND = (239, 239, 239)
 DIALOG_FULL_BACKUP = (100, 150)
 DIALOG_CHOOSE = (560, 440)
 # The on-screen keyboard, shown with the form only.
@@ -299,6 +301,12 @@ class Cycle:
         """After the third run the restore page: its button opens a folder chooser on the stick,
         where the operator picks the full backup; the page then says how many files it restored."""
         self.wait_run(boot, 1)
+        deadline = Deadline(60)
+        # The page replaces the result panel: where the panel's list was, the page has nothing.
+        while any(self.shot("now").pixel(x, y) != BACKGROUND for x, y in PAGE_EMPTY):
+            if deadline.expired():
+                raise ConsoleTimeout(f"no restore page within {deadline.seconds:.0f} s of the run's end")
+            time.sleep(0.5)
         page = self.wait_steady()
         self.keep(page, f"boot{boot}-usb-page")
         self.touch.tap(*USB_RESTORE)
