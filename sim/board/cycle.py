@@ -37,8 +37,11 @@ RESET_YES = (266, 236)
 USB_RESTORE = (471, 366)
 PAGE_EMPTY = ((30, 200), (320, 200), (600, 220))
 BACKGROUND = (239, 239, 239)
-DIALOG_FULL_BACKUP = (100, 150)
-DIALOG_CHOOSE = (560, 440)
+DIALOG_FULL_BACKUP = (208, 86)
+DIALOG_CHOOSE = (598, 366)
+# Inside the chooser's list of folders, white, where the page has its plain background.
+DIALOG_LIST = (320, 200)
+WHITE = (255, 255, 255)
 # The on-screen keyboard, shown with the form only.
 KEYBOARD_BOX = (10, 330, 630, 450)
 # The first choice of the accent popup that a long press on E opens ("é").
@@ -125,12 +128,22 @@ class Cycle:
                 raise ConsoleTimeout(f"the screen in {box} never {state} (see unexpected.png)")
             time.sleep(0.3)
 
-    def wait_steady(self, seconds=30):
-        """The screen once two looks half a second apart see the same picture."""
+    def wait_pixel(self, point, colour, what, present=True, seconds=60):
+        """Waits until the screen has COLOUR at POINT (or, with present=False, another colour)."""
+        deadline = Deadline(seconds)
+        while (self.shot("now").pixel(*point) == colour) != present:
+            if deadline.expired():
+                self.keep(self.shot("now"), "unexpected")
+                raise ConsoleTimeout(f"{what} did not {'show' if present else 'go'} within "
+                                     f"{deadline.seconds:.0f} s (see unexpected.png)")
+            time.sleep(0.5)
+
+    def wait_steady(self, seconds=30, hold=0.5):
+        """The screen once looks HOLD seconds apart see the same picture."""
         deadline = Deadline(seconds)
         previous = self.shot("now")
         while True:
-            time.sleep(0.5)
+            time.sleep(hold)
             now = self.shot("now")
             if now.same_as(previous):
                 return now
@@ -310,15 +323,16 @@ class Cycle:
         page = self.wait_steady()
         self.keep(page, f"boot{boot}-usb-page")
         self.touch.tap(*USB_RESTORE)
-        self.wait_change(page, (0, 0, 640, 480), columns=40)
+        self.wait_pixel(DIALOG_LIST, WHITE, "the folder chooser")
         dialog = self.wait_steady()
         self.keep(dialog, f"boot{boot}-usb-dialog")
         self.touch.tap(*DIALOG_FULL_BACKUP)
-        picked = self.wait_change(dialog, (0, 0, 640, 480), columns=20)
-        self.keep(picked, f"boot{boot}-usb-picked")
+        x, y = DIALOG_FULL_BACKUP
+        self.keep(self.wait_change(dialog, (x - 60, y - 10, x + 60, y + 10), columns=20), f"boot{boot}-usb-picked")
         self.touch.tap(*DIALOG_CHOOSE)
-        self.wait_change(picked, (0, 0, 640, 480), columns=40)
-        self.keep(self.wait_steady(), f"boot{boot}-usb-restored")
+        self.wait_pixel(DIALOG_LIST, WHITE, "the folder chooser's end", present=False)
+        # The copies block the page's painting: the page holding still a while says they are done.
+        self.keep(self.wait_steady(hold=2), f"boot{boot}-usb-restored")
 
     def reset_bench(self, boot):
         self.wait_line(boot, "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes", 300)
