@@ -16,9 +16,10 @@ format of sim/unit/tovboot, so that tests/e2e/expected applies to the board as i
 import os
 import time
 
-from console import BoardFailure, ConsoleError, ConsoleTimeout
+from console import ConsoleError, ConsoleTimeout
 from deadline import Deadline
 from picture import Picture
+import starter
 from touch import KEYS, Touch
 
 # Places on the form's 640 x 480 page, read from its picture.
@@ -31,8 +32,6 @@ SERVER_FIELD_BOX = (438, 270, 626, 291)
 FIRST_ACCENT = (114, 374)
 
 RESERVE_PIN = 202
-HALTED = rb"board: halted"
-BENCH_ENDED = rb"board: the bench ended with status \d+"
 PANEL = "[fResultDisplay] "
 CLEARED = PANEL + "cleared"
 SAVED_LOG = "/nand/bench.previous.log"
@@ -149,27 +148,16 @@ class Cycle:
     # --- boots ------------------------------------------------------------------------------
 
     def wait_reboot(self, boot, seconds):
-        """Waits for the board's orderly shutdown, keeping the screen as it was just before. A
-        bench that ends without the board going down within a while has failed: no use waiting."""
-        deadline = Deadline(seconds)
-        last = None
-        while True:
-            try:
-                self.board.console.wait(HALTED, Deadline(1.5), failures=[BENCH_ENDED])
-                break
-            except BoardFailure as error:
-                if error.pattern != BENCH_ENDED:
-                    raise
-                self.board.console.wait(HALTED, Deadline(20))
-                break
-            except ConsoleTimeout:
-                pass
-            if deadline.expired():
-                raise ConsoleTimeout(f"boot {boot} did not reboot within {deadline.seconds:.0f} s")
-            last = self.shot("last")
+        """Waits for the board's reboot (Machine.wait_reboot), keeping the screen as it was just
+        before."""
+        last = [None]
+
+        def look():
+            last[0] = self.shot("last")
+        self.board.wait_reboot(seconds, meanwhile=look, every=1.5)
         self.log("  reboot requested")
-        if last is not None:
-            self.keep(last, f"boot{boot}-reboot")
+        if last[0] is not None:
+            self.keep(last[0], f"boot{boot}-reboot")
 
     def keep_previous_log(self, boot):
         """The bench's output of boot BOOT, which the shutdown saved on the NAND."""
@@ -184,10 +172,10 @@ class Cycle:
 
     def boot_line(self, boot):
         _, phase = self.board.run("head -n 1 /home/TOV/tov_test.cfg 2>/dev/null || echo none")
-        _, starter = self.board.run("sed -n 's/^TOV_BIN_NAME=//p' /home/TOV/tov_starter")
-        phase, starter = phase.strip() or "none", starter.strip()
-        self.log(f"boot {boot}: phase file {phase}, starter runs '{starter}'")
-        return phase, starter
+        program = starter.program(self.board.read(starter.PATH))
+        phase = phase.strip() or "none"
+        self.log(f"boot {boot}: phase file {phase}, starter runs '{program}'")
+        return phase, program
 
     def pull_and_plug_cable(self):
         """The Ethernet cable pulled and plugged again, as the kernel's driver reports it where the
@@ -212,11 +200,10 @@ class Cycle:
             self.wait_reboot(boot, phase_seconds)
             boot = self.board.wait_boot()
             self.keep_previous_log(boot - 1)
-            _, starter = self.boot_line(boot)
-            if starter != "tov_test":
-                self.log(f"outcome: handed over to '{starter}'")
-                _, line = self.board.run("grep '^TOV_BIN_NAME=' /home/TOV/tov_starter")
+            _, program = self.boot_line(boot)
+            if program != "tov_test":
+                self.log(f"outcome: handed over to '{program}'")
                 with open(os.path.join(self.out, "starter"), "w") as f:
-                    f.write(line)
+                    f.write(starter.line_of(program) + "\n")
                 return
         self.log("outcome: stopped after the phases asked for")

@@ -19,6 +19,7 @@ from deadline import Deadline
 from machine import Machine, StartError, board_arguments, log_tail
 from picture import Picture
 from cycle import Cycle
+import starter
 
 SERVER_ADDR = "192.0.2.10"
 BOARD_ADDR = "192.0.2.2"
@@ -121,7 +122,7 @@ def wait_for_screen(board, out, name, seconds=240):
 def first_screen(board, out):
     boots = board.wait_boot()
     print(f"board: boot {boots}: {board.run('uname -r')[1].strip()}, "
-          f"starter runs '{board.run('sed -n s/^TOV_BIN_NAME=//p /home/TOV/tov_starter')[1].strip()}'")
+          f"starter runs '{starter.program(board.read(starter.PATH))}'")
     form = wait_for_screen(board, out, f"boot{boots}-form")
     with open(os.path.join(out, f"boot{boots}-devices.txt"), "w") as f:
         f.write(board.run(DEVICES, check=False)[1])
