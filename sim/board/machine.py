@@ -73,8 +73,15 @@ class RebootTimeout(ConsoleTimeout):
 
 
 class RebootUnconfirmed(ConsoleError):
-    """One sign of a reboot came without the other: the guest halted and QEMU reset nothing, QEMU
-    reset the machine without the guest's orderly end, or QEMU shut the machine down instead."""
+    """One sign of a reboot came without the other, or QEMU shut the machine down instead."""
+
+
+class HaltWithoutReset(RebootUnconfirmed):
+    """The guest ended in order and QEMU reset nothing."""
+
+
+class ResetWithoutHalt(RebootUnconfirmed):
+    """QEMU reset the machine at the guest's request without the guest's orderly end."""
 
 
 def log_tail(path, lines=10):
@@ -117,6 +124,8 @@ class Machine:
         self.process = None
         self.qmp = None
         self.console = None
+        # Halts, guest resets and bench ends seen before the running boot (see wait_boot).
+        self.reboot_signs = (0, 0, 0)
 
     def start(self):
         with open(os.path.join(self.folder, "qemu.cmdline"), "w") as f:
@@ -178,6 +187,8 @@ class Machine:
     def wait_boot(self, seconds=120):
         """Waits for the next boot's shell; returns the number of boots so far."""
         self.console.wait(STARTED, Deadline(seconds))
+        # The signs of a reboot seen before this boot: the next reboot's come after them.
+        self.reboot_signs = (self.console.count(HALTED), self.guest_resets(), self.console.count(BENCH_ENDED))
         self.console.wait(CONSOLE_READY, Deadline(30))
         return self.boots()
 
@@ -195,22 +206,23 @@ class Machine:
                                         "board reboots")
         return count
 
-    def wait_reboot(self, seconds, meanwhile=lambda: None, every=1.0):
+    def wait_reboot(self, seconds, meanwhile=lambda: None, every=1.0, apart=SIGNS_APART):
         """Waits for the reboot of the running boot, confirmed twice: the guest's orderly end on
         its console and QEMU's reset at the guest's request on QMP. Calls MEANWHILE about every
         EVERY seconds until either comes. Raises RebootUnconfirmed when one comes without the
-        other within SIGNS_APART seconds, RebootTimeout when neither comes within SECONDS, or
-        none within ENDED_TO_HALT after the bench ended, BoardFailure on a kernel failure."""
+        other within APART seconds, RebootTimeout when neither comes within SECONDS, or none
+        within ENDED_TO_HALT after the bench ended, BoardFailure on a kernel failure."""
         boot = self.boots()
+        halts, resets, ends = self.reboot_signs
         console = self.console
         start = console.pos
         deadline = Deadline(seconds)
-        apart = ended = None
+        alone = ended = None
         due = time.monotonic() + every
         while True:
             # Counted over all the console said: the shell's commands skip what came before them.
-            halted = console.count(HALTED) >= boot
-            reset = self.guest_resets() >= boot
+            halted = console.count(HALTED) > halts
+            reset = self.guest_resets() > resets
             if halted and reset:
                 return
             for failure in FAILURES:
@@ -221,15 +233,15 @@ class Machine:
             if console.closed:
                 raise ConsoleClosed("QEMU closed the console")
             if halted or reset:
-                apart = apart or Deadline(SIGNS_APART)
-                if apart.expired():
-                    raise RebootUnconfirmed(
-                        ("the guest halted and QEMU reset nothing" if halted else
-                         "QEMU reset the machine at the guest's request without the guest's orderly end")
-                        + f" in {apart.seconds:.0f} s")
+                alone = alone or Deadline(apart)
+                if alone.expired() and halted:
+                    raise HaltWithoutReset(f"the guest halted and QEMU reset nothing in {alone.seconds:.0f} s")
+                if alone.expired():
+                    raise ResetWithoutHalt("QEMU reset the machine at the guest's request without the "
+                                           f"guest's orderly end in {alone.seconds:.0f} s")
             elif deadline.expired():
                 raise RebootTimeout(f"boot {boot} did not reboot within {deadline.seconds:.0f} s")
-            if ended is None and console.count(BENCH_ENDED) >= boot:
+            if ended is None and console.count(BENCH_ENDED) > ends:
                 ended = Deadline(ENDED_TO_HALT)
             if ended is not None and ended.expired() and not halted:
                 raise RebootTimeout(f"the bench of boot {boot} ended and the board did not reboot "

@@ -77,10 +77,10 @@ def start_dhcp_server(config, log):
     while not listens_on_udp(DHCP_PORT):
         if server.poll() is not None:
             raise StartError(f"the DHCP server ended at its start with status {server.returncode}: "
-                             + log_tail(log))
+                             + log_tail(log), "udhcpd", server.returncode, log_tail(log))
         if deadline.expired():
             raise StartError(f"the DHCP server does not listen on port {DHCP_PORT} after "
-                             f"{deadline.seconds:.0f} s: " + log_tail(log))
+                             f"{deadline.seconds:.0f} s: " + log_tail(log), "udhcpd", None, log_tail(log))
         time.sleep(0.05)
 
 
