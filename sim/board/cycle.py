@@ -18,6 +18,7 @@ import time
 
 from console import ConsoleError, ConsoleTimeout
 from deadline import Deadline
+from machine import board_pin
 from picture import Picture
 import starter
 from touch import KEYS, Touch
@@ -31,7 +32,7 @@ SERVER_FIELD_BOX = (438, 270, 626, 291)
 # The first choice of the accent popup that a long press on E opens ("é").
 FIRST_ACCENT = (114, 374)
 
-RESERVE_PIN = 202
+RESERVE_PIN = board_pin("reserve")
 PANEL = "[fResultDisplay] "
 CLEARED = PANEL + "cleared"
 SAVED_LOG = "/nand/bench.previous.log"

@@ -27,6 +27,8 @@ GUEST_RESET = "guest-reset"
 SIGNS_APART = 15
 # A bench whose end no reboot follows within this has failed.
 ENDED_TO_HALT = 20
+# The board's GPIO pins, one a line: number, direction, the harness's name for it.
+PINS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "gpio-mockup", "pins")
 # The tablet's axes run over 0..32767 whatever the screen's size.
 TABLET_MAX = 32767
 SCREEN_W, SCREEN_H = 640, 480
@@ -38,6 +40,16 @@ def qemu_command(kernel, initrd, append=""):
     return ["qemu-system-arm", "-M", "virt,highmem=off", "-cpu", "cortex-a15", "-smp", "1", "-m", "128",
             "-kernel", kernel, "-initrd", initrd,
             "-append", f"console=ttyAMA0 rdinit=/init {append}".strip()]
+
+
+def board_pin(name):
+    """The number of the board's pin that the pins file calls NAME."""
+    with open(PINS) as f:
+        for line in f:
+            fields = line.split()
+            if fields and not fields[0].startswith("#") and name in fields[2:]:
+                return int(fields[0])
+    raise KeyError(f"no pin called {name} in {PINS}")
 
 
 def board_arguments():
@@ -293,3 +305,14 @@ class Machine:
             except subprocess.TimeoutExpired:
                 self.process.kill()
                 self.process.wait()
+
+
+if __name__ == "__main__":
+    # For the shell scripts of the board (the smoke boot): the board's command line, each word
+    # ended by a NUL.
+    parser = argparse.ArgumentParser(description="prints the board's QEMU command line")
+    for name in ("--kernel", "--initrd"):
+        parser.add_argument(name, required=True)
+    parser.add_argument("--append", default="")
+    words = parser.parse_args()
+    print("".join(word + "\0" for word in qemu_command(words.kernel, words.initrd, words.append)), end="")
