@@ -143,6 +143,7 @@ class Machine:
         with open(os.path.join(self.folder, "qemu.cmdline"), "w") as f:
             f.write(" ".join(self.command) + "\n")
         self.qemu_log = open(os.path.join(self.folder, "qemu.log"), "wb")
+        self.started = time.monotonic()
         self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL,
                                         stdout=self.qemu_log, stderr=subprocess.STDOUT)
         deadline = Deadline(30)

@@ -6,6 +6,7 @@ QEMU also sends events of its own between the replies (RESET, SHUTDOWN, ...): ea
 import json
 import select
 import socket
+import threading
 
 from deadline import Deadline, connect_unix
 
@@ -28,6 +29,8 @@ class Qmp:
         if self.sock is None:
             raise QmpError(f"no QMP socket at {path}")
         self.pending = b""
+        # One exchange at a time: a harness may take screendumps in a thread of its own.
+        self.lock = threading.RLock()
         self.events = []  # {"event": NAME, "data": {...}, "timestamp": {...}}, as QEMU sent them
         self._read_reply(Deadline(30))  # the greeting
         self.execute("qmp_capabilities")
@@ -71,6 +74,10 @@ class Qmp:
 
     def poll(self):
         """Takes in the events QEMU sent since the last look, without waiting; returns them all."""
+        with self.lock:
+            return self._poll()
+
+    def _poll(self):
         try:
             while self._receive(0):
                 pass
@@ -84,6 +91,10 @@ class Qmp:
                 raise QmpError(f"a reply with no command asked: {line!r}")
 
     def execute(self, command, arguments=None, seconds=30):
+        with self.lock:
+            return self._execute(command, arguments, seconds)
+
+    def _execute(self, command, arguments, seconds):
         request = {"execute": command}
         if arguments:
             request["arguments"] = arguments

@@ -7,7 +7,10 @@ packet inside. Here the unit's eth0 is bridged to the board's tap, a DHCP server
 server side, QEMU boots the board, and the steps asked for run; everything lands in --out.
 
     run.py --out DIR --kernel FILE --initrd FILE --disk FILE [--manual]
-           [--steps first-screen|touch|phase|cycle] [--run COMMAND]...
+           [--steps first-screen|touch|phase|cycle|first-frame] [--first-frame PROGRAM] [--run COMMAND]...
+
+first-frame: the seconds from QEMU's start to the first full frame of PROGRAM (its binary in the
+bundle, default tov_test), which the starter starts (firstframe.py).
 """
 import os
 import subprocess
@@ -19,6 +22,7 @@ from deadline import Deadline
 from machine import Machine, StartError, board_arguments, log_tail
 from picture import Picture
 from cycle import Cycle
+from firstframe import PERIOD, first_frame
 import starter
 
 SERVER_ADDR = "192.0.2.10"
@@ -146,6 +150,7 @@ def main():
     parser.add_argument("--manual", action="store_true")
     parser.add_argument("--steps", default="first-screen")
     parser.add_argument("--run", action="append", default=[])
+    parser.add_argument("--first-frame", default="tov_test")
     args = parser.parse_args()
     out = args.out
     try:
@@ -157,6 +162,13 @@ def main():
     status = 0
     try:
         board.start()
+        if args.steps == "first-frame":
+            # Before anything else asks the guest for anything: the boot as the unit's.
+            program = args.first_frame
+            seconds, dumps = first_frame(board, out, program, board.started)
+            print(f"board: first full frame of {program}: {seconds:.2f} s after QEMU's start "
+                  f"({dumps} screendumps, one every {PERIOD} s)")
+            return status
         form = first_screen(board, out)
         if args.manual:
             print("board: QEMU's window is the unit's screen and the mouse the finger; close the "
