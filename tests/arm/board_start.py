@@ -5,8 +5,8 @@ interface that is not there. Real QEMU and busybox; the DHCP server needs the se
 simulated unit, so the test runs itself in one. Then one boot of the board whose NAND is an empty
 disk, and whose kernel is made to kill a program for want of memory: each fails the wait that
 sees it, by its type, naming what the board said. On that board, a reboot must be confirmed by the
-guest's orderly end and by QEMU's reset event: an emergency reboot (no orderly end) and a halt
-line with no reset each fail the wait for it.
+guest's orderly end and by QEMU's reset event: an emergency reboot (no orderly end), a halt line
+with no reset and a guest that powers off each fail the wait for it.
 
     tests/arm/board_start.py
 """
@@ -20,7 +20,8 @@ TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
 sys.path.insert(0, os.path.join(TOP, "sim/board"))
 from console import FAILURES, BoardFailure  # noqa: E402
 from deadline import Deadline  # noqa: E402
-from machine import HALTED, HaltWithoutReset, Machine, ResetWithoutHalt, StartError  # noqa: E402
+from machine import (HALTED, HaltWithoutReset, Machine, RebootUnconfirmed, ResetWithoutHalt,  # noqa: E402
+                     StartError)
 import run  # noqa: E402
 
 failures = 0
@@ -144,6 +145,12 @@ def reboots(board):
     board.run(f"echo '{HALTED.decode()}'", check=False)
     expect_error("the guest's halt without a reset", HaltWithoutReset,
                  lambda: board.wait_reboot(120, apart=5))
+    # A board powered off by its guest: QEMU says SHUTDOWN, as each reboot would under -no-reboot.
+    # (The lone halt line above is still this boot's: the wait is long enough for the shutdown.)
+    board.run("poweroff", check=False)
+    expect_error("a guest shutdown where the board reboots", RebootUnconfirmed,
+                 lambda: board.wait_reboot(120, apart=60),
+                 lambda error: None if type(error) is RebootUnconfirmed else f"{type(error).__name__}: {error}")
 
 
 if __name__ == "__main__":
