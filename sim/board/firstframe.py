@@ -66,8 +66,8 @@ class FramePoller:
                 return last
         return None
 
-    def first(self, digest):
-        return next(seconds for seconds, d in self.frames if d == digest)
+    def first(self, digests):
+        return next(seconds for seconds, d in self.frames if d in digests)
 
     def stop(self):
         self.stopping.set()
@@ -76,7 +76,9 @@ class FramePoller:
 
 def first_frame(board, out, program, started, seconds=300):
     """Waits for PROGRAM (the name of its binary in the bundle) to show a steady screen; returns
-    (seconds from STARTED, QEMU's start, to its first full frame, how many screendumps)."""
+    the seconds from STARTED, QEMU's start, to its first full frame and to the first
+    many-coloured frame (the program's first drawing, or the kernel's logo), and how many
+    screendumps were taken."""
     poller = FramePoller(board, os.path.join(out, "frame.ppm"), started)
     try:
         board.wait_boot()
@@ -89,7 +91,7 @@ def first_frame(board, out, program, started, seconds=300):
             if digest is not None:
                 status, _ = board.run(f"ps | grep -q 'bundle/[{program[0]}]{program[1:]}'", check=False)
                 if status == 0 and poller.steady() == digest:
-                    return poller.first(digest), len(poller.frames)
+                    return poller.first({digest}), poller.first(poller.coloured), len(poller.frames)
             if deadline.expired():
                 raise ConsoleTimeout(f"{program} showed no steady screen within {deadline.seconds:.0f} s")
             time.sleep(0.5)

@@ -165,9 +165,9 @@ def main():
         if args.steps == "first-frame":
             # Before anything else asks the guest for anything: the boot as the unit's.
             program = args.first_frame
-            seconds, dumps = first_frame(board, out, program, board.started)
+            seconds, coloured, dumps = first_frame(board, out, program, board.started)
             print(f"board: first full frame of {program}: {seconds:.2f} s after QEMU's start "
-                  f"({dumps} screendumps, one every {PERIOD} s)")
+                  f"({dumps} screendumps, one every {PERIOD} s; the first many-coloured one at {coloured:.2f} s)")
             return status
         form = first_screen(board, out)
         if args.manual:
