@@ -18,8 +18,10 @@ import time
 
 from console import ConsoleError, ConsoleTimeout
 from deadline import Deadline
+from expect import Expectations, Mismatch, boot_outputs, runs, whole_lines
 from machine import board_pin
 from picture import Picture
+from screen import wait_for_screen
 import starter
 from touch import KEYS, Touch
 
@@ -29,12 +31,16 @@ APPLY = (530, 71)
 # Right of the SFTP server's text: the tap puts the cursor at its end.
 SERVER_FIELD = (610, 280)
 SERVER_FIELD_BOX = (438, 270, 626, 291)
+# The reset button under the result panel (phases 2 and 3), and its confirmation's "Yes".
+RESET = (135, 450)
+RESET_YES = (266, 236)
+# The on-screen keyboard, shown with the form only.
+KEYBOARD_BOX = (10, 330, 630, 450)
 # The first choice of the accent popup that a long press on E opens ("é").
 FIRST_ACCENT = (114, 374)
 
 RESERVE_PIN = board_pin("reserve")
-PANEL = "[fResultDisplay] "
-CLEARED = PANEL + "cleared"
+BUNDLE_FILES = ("bundle", "tov_env")
 SAVED_LOG = "/nand/bench.previous.log"
 SAVED_MEMORY = "/nand/memory.previous"  # /proc/meminfo's and the bench's figures at the shutdown
 
@@ -42,27 +48,25 @@ SAVED_MEMORY = "/nand/memory.previous"  # /proc/meminfo's and the bench's figure
 def panel_lines(log):
     """The result panel's lines at the end of a boot: what the bench showed since it last cleared
     the panel, from its output."""
-    lines = []
-    for line in log.splitlines():
-        if line == CLEARED:
-            lines = []
-        elif line.startswith(PANEL):
-            lines.append(line[len(PANEL):])
-    return lines
+    return runs(log)[-1]
 
 
 class Cycle:
-    def __init__(self, board, out, phases=3):
+    def __init__(self, board, out, phases=3, scenario="good"):
         self.board = board
         self.out = out
         self.phases = phases  # how many test phases to play before stopping
+        self.scenario = scenario
+        self.expected = Expectations(scenario)
         self.touch = Touch(board)
         self.boots_log = open(os.path.join(out, "boots.log"), "w")
 
-    def log(self, line):
+    def log(self, line, expected=True):
         print(f"board: {line}")
         self.boots_log.write(line + "\n")
         self.boots_log.flush()
+        if expected:
+            self.expected.log_line(line)
 
     def shot(self, name):
         path = os.path.join(self.out, f"{name}.ppm")
@@ -73,17 +77,38 @@ class Cycle:
         picture.save_png(os.path.join(self.out, f"{name}.png"))
         print(f"board: screenshot {name}.png")
 
-    def bench_log(self):
-        return self.board.run("cat /run/board/bench.log", check=False)[1]
+    def bench_output(self, boot):
+        """The bench's output of BOOT so far, as it came through the board's bench port."""
+        with open(self.board.bench_output, encoding="utf-8", errors="replace") as f:
+            outputs = boot_outputs(f.read())
+        return whole_lines(outputs[boot - 1]) if len(outputs) >= boot else ""
 
-    def wait_line(self, text, seconds):
-        """Waits for TEXT among the result panel's lines of this boot, from the bench's output."""
+    def check(self, boot, finished=False):
+        """Holds what BOOT's panel showed so far to the scenario's lines; a difference fails at once,
+        with the screen of that moment kept. Returns how many runs matched whole."""
+        try:
+            return self.expected.check_panel(boot, self.bench_output(boot), finished)
+        except Mismatch as error:
+            self.keep(self.shot("now"), f"boot{boot}-differs")
+            raise type(error)(f"{error}\n(the screen then: boot{boot}-differs.png)", error.what) from None
+
+    def wait_line(self, boot, text, seconds):
+        """Waits for TEXT among the result panel's lines of this boot."""
         deadline = Deadline(seconds)
         while not deadline.expired():
-            if text in panel_lines(self.bench_log()):
+            self.check(boot)
+            if text in panel_lines(self.bench_output(boot)):
                 return
-            time.sleep(2)
+            time.sleep(1)
         raise ConsoleTimeout(f"the bench showed no '{text}' within {deadline.seconds:.0f} s")
+
+    def wait_run(self, boot, runs_done, seconds=600):
+        """Waits until RUNS_DONE runs of this boot showed their lines whole."""
+        deadline = Deadline(seconds)
+        while self.check(boot) < runs_done:
+            if deadline.expired():
+                raise ConsoleTimeout(f"boot {boot}'s run {runs_done} did not end within {deadline.seconds:.0f} s")
+            time.sleep(1)
 
     def wait_change(self, before, box, changed=True, seconds=15, columns=4):
         """Waits until the screen inside BOX differs from BEFORE (or, with changed=False, is back
@@ -98,6 +123,21 @@ class Cycle:
                 state = "changed" if changed else "came back"
                 raise ConsoleTimeout(f"the screen in {box} never {state} (see unexpected.png)")
             time.sleep(0.3)
+
+    def wait_steady(self, seconds=30):
+        """The screen once two looks half a second apart see the same picture."""
+        deadline = Deadline(seconds)
+        previous = self.shot("now")
+        while True:
+            time.sleep(0.5)
+            now = self.shot("now")
+            if now.same_as(previous):
+                return now
+            if deadline.expired():
+                self.keep(now, "unexpected")
+                raise ConsoleTimeout(f"the screen did not hold still within {deadline.seconds:.0f} s "
+                                     "(see unexpected.png)")
+            previous = now
 
     # --- the operator at the first boot -----------------------------------------------------
 
@@ -140,7 +180,7 @@ class Cycle:
         self.touch.tap(*APPLY)
 
     def toggle_reserve(self):
-        self.wait_line("Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes", 300)
+        self.wait_line(1, "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes", 300)
         time.sleep(10)
         self.board.run(f"board-gpio {RESERVE_PIN}=0")
         time.sleep(10)
@@ -149,13 +189,15 @@ class Cycle:
     # --- boots ------------------------------------------------------------------------------
 
     def wait_reboot(self, boot, seconds):
-        """Waits for the board's reboot (Machine.wait_reboot), keeping the screen as it was just
-        before."""
+        """Waits for the board's reboot (Machine.wait_reboot), holding the panel to the scenario's
+        lines meanwhile and keeping the screen as it was just before."""
         last = [None]
 
         def look():
+            self.check(boot)
             last[0] = self.shot("last")
         self.board.wait_reboot(seconds, meanwhile=look, every=1.5)
+        self.check(boot, finished=True)
         self.log("  reboot requested")
         if last[0] is not None:
             self.keep(last[0], f"boot{boot}-reboot")
@@ -178,33 +220,102 @@ class Cycle:
         self.log(f"boot {boot}: phase file {phase}, starter runs '{program}'")
         return phase, program
 
+    def set_cable(self, up):
+        """The Ethernet cable plugged or pulled, as the kernel's driver reports it where the bench
+        reads it."""
+        carrier = "1" if up else "0"
+        self.board.set_link("eth0", up)
+        _, seen = self.board.run(
+            f"for i in $(seq 50); do [ \"$(cat /sys/class/net/eth0/carrier)\" = {carrier} ] && break;"
+            " sleep 0.1; done; cat /sys/class/net/eth0/carrier")
+        if seen.strip() != carrier:
+            raise ConsoleError(f"eth0's carrier is {seen.strip()!r}, not {carrier}, with the cable "
+                               f"{'plugged' if up else 'pulled'}")
+
     def pull_and_plug_cable(self):
-        """The Ethernet cable pulled and plugged again, as the kernel's driver reports it where the
-        bench reads it; the form is still open, so the phase's lines do not change."""
-        for up, carrier in ((False, "0"), (True, "1")):
-            self.board.set_link("eth0", up)
-            _, seen = self.board.run(
-                f"for i in $(seq 50); do [ \"$(cat /sys/class/net/eth0/carrier)\" = {carrier} ] && break;"
-                " sleep 0.1; done; cat /sys/class/net/eth0/carrier")
-            if seen.strip() != carrier:
-                raise ConsoleError(f"eth0's carrier is {seen.strip()!r}, not {carrier}, with the cable "
-                                   f"{'plugged' if up else 'pulled'}")
+        """The cable pulled and plugged again while the form is still open: the phase's lines do not
+        change."""
+        self.set_cable(False)
+        self.set_cable(True)
         print("board: the cable pulled (eth0's carrier 0) and plugged again (1)")
 
+    def wait_for_form(self, boot, form, runs_done):
+        """After a run with errors the bench goes back to its form: waits for that run's lines whole
+        and the keyboard back as it was (the buttons' focus frames have moved), and keeps the screen."""
+        self.wait_run(boot, runs_done)
+        self.keep(self.wait_change(form, KEYBOARD_BOX, changed=False, columns=0, seconds=60),
+                  f"boot{boot}-form-again")
+
+    # --- the operator of each scenario, at each boot: what sim/operator/operator does on the host
+
+    def operate(self, boot, phase, form):
+        """Plays the operator's part in BOOT; True when the operator is done with the unit there."""
+        scenario = self.scenario
+        if phase == "none":
+            if scenario == "good":
+                self.pull_and_plug_cable()
+                self.operate_form(form)
+                self.toggle_reserve()
+            elif scenario == "no-network":
+                self.touch.tap(*APPLY)
+                self.wait_for_form(boot, form, 1)
+                self.set_cable(True)
+                # The operator starts again once the unit has its address from the plugged cable.
+                self.board.run("for i in $(seq 60); do ip -4 addr show eth0 | grep -q inet && break; sleep 1; "
+                               "done; ip -4 addr show eth0 | grep -q inet", seconds=90)
+                print("board: the cable plugged after the failed run, eth0 has its address")
+                self.touch.tap(*APPLY)
+            elif scenario in ("faulty-module", "server-down"):
+                self.touch.tap(*APPLY)
+                self.wait_for_form(boot, form, 1)
+                return True
+            elif scenario == "reset-phase2":
+                if boot > 1:
+                    return True
+                self.touch.tap(*APPLY)
+        elif scenario == "reset-phase2" and phase == "1":
+            self.reset_bench(boot)
+        return False
+
+    def reset_bench(self, boot):
+        self.wait_line(boot, "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes", 300)
+        before = self.wait_steady()
+        self.touch.tap(*RESET)
+        self.wait_change(before, (0, 0, 640, 480), columns=40)
+        self.keep(self.wait_steady(), f"boot{boot}-reset-box")
+        self.touch.tap(*RESET_YES)
+
     def run(self, boot, form, phase_seconds=600):
-        """Plays the cycle from the first boot (already on its form)."""
-        self.boot_line(boot)
-        self.pull_and_plug_cable()
-        self.operate_form(form)
-        self.toggle_reserve()
-        for phase in range(1, self.phases + 1):
-            self.wait_reboot(boot, phase_seconds)
-            boot = self.board.wait_boot()
-            self.keep_previous_log(boot - 1)
-            _, program = self.boot_line(boot)
+        """Plays the scenario from the first boot (already on its form) to the hand-over, to where
+        the operator stops, or to the end of the phases asked for."""
+        reboots = 0
+        while True:
+            phase, program = self.boot_line(boot)
             if program != "tov_test":
                 self.log(f"outcome: handed over to '{program}'")
-                with open(os.path.join(self.out, "starter"), "w") as f:
-                    f.write(starter.line_of(program) + "\n")
+                return self.check_end(boot)
+            if reboots == self.phases:
+                self.log("outcome: stopped after the phases asked for", expected=False)
                 return
-        self.log("outcome: stopped after the phases asked for")
+            if phase == "none" and form is None:
+                form = wait_for_screen(self.board, self.out, f"boot{boot}-form")
+            if self.operate(boot, phase, form):
+                self.log("  the operator is done")
+                self.log(f"outcome: the operator stopped in boot {boot}")
+                self.expected.check_end(boot, self.bench_output(boot))
+                return self.check_end(boot)
+            self.wait_reboot(boot, phase_seconds)
+            reboots += 1
+            boot = self.board.wait_boot()
+            self.keep_previous_log(boot - 1)
+            form = None
+
+    def check_end(self, boot):
+        """The unit's files where the scenario ends, against the host's."""
+        line = starter.line_of(starter.program(self.board.read(starter.PATH))) + "\n"
+        with open(os.path.join(self.out, "starter"), "w") as f:
+            f.write(line)
+        _, files = self.board.run("ls -1 /home/TOV")
+        # The bundle installs its libraries and their environment beside the bench: not the bench's files.
+        files = [name for name in files.splitlines() if name not in BUNDLE_FILES]
+        self.expected.check_files(line.splitlines(), files)

@@ -102,12 +102,13 @@ def log_tail(path, lines=10):
 
 
 class Machine:
-    def __init__(self, kernel, initrd, disk, folder, uart, taps, append="", window=False, log=None):
+    def __init__(self, kernel, initrd, disk, folder, uart, taps, append="", window=False, log=None, stick=None):
         self.folder = folder
         self.qmp_path = os.path.join(folder, "qmp.sock")
         self.console_path = os.path.join(folder, "console.sock")
         self.kernel_log = os.path.join(folder, "kernel.log")
         self.kernel_read = 0
+        self.bench_output = os.path.join(folder, "bench.out")
         self.command = [
             "nice", "-n", "5", *qemu_command(kernel, initrd, append),
             # window: QEMU's window on the maintainer's display is the screen, its mouse the
@@ -126,13 +127,25 @@ class Machine:
             "-device", "virtio-serial-pci,id=ports",
             "-chardev", f"file,id=kmsg,path={self.kernel_log}",
             "-device", "virtconsole,chardev=kmsg,name=kmsg",
+            # The bench's output, every boot's one after the other, as it prints it.
+            "-chardev", f"file,id=bench,path={self.bench_output}",
+            "-device", "virtserialport,chardev=bench,name=bench",
             "-chardev", f"serial,id=rs485,path={uart}",
             "-device", "pci-serial,chardev=rs485",
             "-netdev", f"tap,id=eth0,ifname={taps[0]},script=no,downscript=no",
             "-device", "virtio-net-pci,netdev=eth0,mac=52:54:00:70:00:01,romfile=",
-            "-netdev", f"tap,id=wlan0,ifname={taps[1]},script=no,downscript=no",
-            "-device", "virtio-net-pci,netdev=wlan0,mac=52:54:00:70:00:02,romfile=",
         ]
+        # The USB port, and a stick in it from the start (an image of its disk).
+        self.command += ["-device", "qemu-xhci,id=usb"]
+        if stick is not None:
+            self.command += ["-drive", f"file={stick},if=none,format=raw,id=stick",
+                             "-device", "usb-storage,bus=usb.0,drive=stick"]
+        # The wireless dongle is a second NIC; a board without it has no wlan0 at all.
+        if len(taps) > 1:
+            self.command += [
+                "-netdev", f"tap,id=wlan0,ifname={taps[1]},script=no,downscript=no",
+                "-device", "virtio-net-pci,netdev=wlan0,mac=52:54:00:70:00:02,romfile=",
+            ]
         self.process = None
         self.qmp = None
         self.console = None

@@ -58,12 +58,14 @@ import threading
 import time
 
 from console import ConsoleError, ConsoleTimeout
-from cycle import PANEL, Cycle
+from cycle import Cycle
+from expect import PANEL
 from deadline import Deadline
 from logreplay import Log, LogError, Replay
 from machine import Machine, StartError, board_arguments
 from nand import NandError, read_after_cut
-from run import TAPS, bench_running, setup_network, wait_for_screen
+from run import TAPS, setup_network
+from screen import bench_running, wait_for_screen
 import starter
 
 STARTER = starter.PATH

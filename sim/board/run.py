@@ -17,13 +17,13 @@ import subprocess
 import sys
 import time
 
-from console import ConsoleError
+from screen import wait_for_screen
 from deadline import Deadline
 from machine import Machine, StartError, board_arguments, log_tail
-from picture import Picture
 from cycle import Cycle
 from firstframe import PERIOD, first_frame
 import starter
+
 
 SERVER_ADDR = "192.0.2.10"
 BOARD_ADDR = "192.0.2.2"
@@ -49,6 +49,17 @@ def make_tun():
     os.makedirs("/dev/net", exist_ok=True)
     if not os.path.exists("/dev/net/tun"):
         sh("mknod", "/dev/net/tun", "c", "10", "200")
+
+
+STICK = os.path.join(os.path.dirname(os.path.realpath(__file__)), "..", "devices", "stick")
+
+
+def make_stick(out):
+    """The customer's USB stick: a FAT disk holding sim/devices/stick's folders."""
+    image = os.path.join(out, "stick.img")
+    sh("mkfs.vfat", "-C", "-n", "STICK", image, "16384")
+    sh("mcopy", "-s", "-i", image, *[os.path.join(STICK, name) for name in sorted(os.listdir(STICK))], "::/")
+    return image
 
 
 def setup_network(out):
@@ -99,30 +110,6 @@ DEVICES = ("ls -l /dev/fb0 /dev/input/ /dev/ttyS0 /dev/ttySAC1 /dev/rs485_Ctrl /
            "cat /proc/cmdline; dmesg | grep -i dm9000")
 
 
-def bench_running(board):
-    status, _ = board.run("ps | grep -q '[t]ov_test'", check=False)
-    return status == 0
-
-
-def wait_for_screen(board, out, name, seconds=240):
-    """Waits until the bench's window is on the framebuffer and holds still; keeps it as NAME.png.
-    Until the guest sets a mode, QEMU shows its own two-colour placeholder."""
-    deadline = Deadline(seconds)
-    previous = None
-    path = os.path.join(out, f"{name}.ppm")
-    while not deadline.expired():
-        picture = Picture(board.screendump(path))
-        if picture.colours() > 16 and previous is not None and picture.same_as(previous):
-            picture.save_png(os.path.join(out, f"{name}.png"))
-            os.remove(path)
-            return picture
-        previous = picture
-        if not bench_running(board):
-            raise ConsoleError("the bench is not running: " + board.read("/run/board/bench.log"))
-        time.sleep(1)
-    raise ConsoleError(f"no steady picture of the bench within {deadline.seconds:.0f} s")
-
-
 def first_screen(board, out):
     boots = board.wait_boot()
     print(f"board: boot {boots}: {board.run('uname -r')[1].strip()}, "
@@ -150,6 +137,7 @@ def main():
     parser.add_argument("--manual", action="store_true")
     parser.add_argument("--steps", default="first-screen")
     parser.add_argument("--run", action="append", default=[])
+    parser.add_argument("--scenario", default="good")
     parser.add_argument("--first-frame", default="tov_test")
     args = parser.parse_args()
     out = args.out
@@ -158,10 +146,16 @@ def main():
     except StartError as error:
         print(f"board: FAILED: {error}", file=sys.stderr)
         return 1
-    board = Machine(args.kernel, args.initrd, args.disk, out, "/dev/ttySAC1", TAPS, window=args.manual)
+    # No wireless dongle: the board has no wlan0 at all. No network: the cable is out from the start.
+    taps = TAPS[:1] if args.scenario == "no-network" else TAPS
+    stick = make_stick(out) if args.scenario == "usb-restore" else None
+    board = Machine(args.kernel, args.initrd, args.disk, out, "/dev/ttySAC1", taps, window=args.manual,
+                    stick=stick)
     status = 0
     try:
         board.start()
+        if args.scenario == "no-network":
+            board.set_link("eth0", False)
         if args.steps == "first-frame":
             # Before anything else asks the guest for anything: the boot as the unit's.
             program = args.first_frame
@@ -177,7 +171,7 @@ def main():
         elif args.steps == "touch":
             Cycle(board, out).tick_and_untick(form)
         elif args.steps in ("phase", "cycle"):
-            Cycle(board, out, phases=1 if args.steps == "phase" else 3).run(1, form)
+            Cycle(board, out, phases=1 if args.steps == "phase" else 3, scenario=args.scenario).run(1, form)
         for command in args.run:
             code, output = board.run(command, check=False)
             print(f"board$ {command}\n{output}board: status {code}")

@@ -6,7 +6,8 @@
 # to look at what arrived.
 #
 # Modes: up (default); bad-password (the account has another password); full (its home is a tiny
-# file system where uploads fail); no-dir (no TOV/tests_tov folder); down (no server at all).
+# file system where uploads fail); no-dir (no TOV/tests_tov folder); down (no SFTP server: a bare
+# listener keeps port 22 open); stopped (sshd stopped: nothing listens on port 22).
 
 WATCHTOWER_USER=Watchtower
 WATCHTOWER_PASSWORD='Tomar#81kwy'
@@ -14,7 +15,7 @@ WATCHTOWER_UID=2000
 WATCHTOWER_DISK=/run/tovsim/watchtower
 
 watchtower_valid_mode() {
-    case $1 in up|bad-password|full|no-dir|down) return 0 ;; *) return 1 ;; esac
+    case $1 in up|bad-password|full|no-dir|down|stopped) return 0 ;; *) return 1 ;; esac
 }
 
 # Starts the server on the server side of the unit's network (sim/unit/net.sh), listening on ADDRESS

@@ -117,7 +117,9 @@ net_start_server_side() {
 
 # Port 22 of the server side: the SFTP server when one is asked for, else a bare listener.
 net_start_services() {
-    if [[ $TOVSIM_WATCHTOWER != down ]]; then
+    if [[ $TOVSIM_WATCHTOWER == stopped ]]; then
+        return 0
+    elif [[ $TOVSIM_WATCHTOWER != down ]]; then
         watchtower_start "$NET_SERVER_ADDR" "$TOVSIM_WATCHTOWER"
     else
         local listener=$TOVSIM_BIN_DIR/tov_tcplisten
