@@ -18,7 +18,7 @@ import time
 
 from console import ConsoleError, ConsoleTimeout
 from deadline import Deadline
-from expect import Expectations, Mismatch, boot_outputs, runs, whole_lines
+from expect import Expectations, Mismatch, boot_outputs, shown, whole_lines
 from machine import board_pin
 from picture import Picture
 from screen import wait_for_screen
@@ -34,6 +34,13 @@ SERVER_FIELD_BOX = (438, 270, 626, 291)
 # The reset button under the result panel (phases 2 and 3), and its confirmation's "Yes".
 RESET = (135, 450)
 RESET_YES = (266, 236)
+# The restore page's "Restaurer Fichiers depuis USB Dongle"; in its folder chooser, the stick's
+# "backup_full" and the button that chooses it.
+USB_RESTORE = (471, 366)
+PAGE_EMPTY = ((30, 200), (320, 200), (600, 220))
+BACKGROUND = (239, 239, 239)
+DIALOG_FULL_BACKUP = (100, 150)
+DIALOG_CHOOSE = (560, 440)
 # The on-screen keyboard, shown with the form only.
 KEYBOARD_BOX = (10, 330, 630, 450)
 # The first choice of the accent popup that a long press on E opens ("é").
@@ -43,12 +50,6 @@ RESERVE_PIN = board_pin("reserve")
 BUNDLE_FILES = ("bundle", "tov_env")
 SAVED_LOG = "/nand/bench.previous.log"
 SAVED_MEMORY = "/nand/memory.previous"  # /proc/meminfo's and the bench's figures at the shutdown
-
-
-def panel_lines(log):
-    """The result panel's lines at the end of a boot: what the bench showed since it last cleared
-    the panel, from its output."""
-    return runs(log)[-1]
 
 
 class Cycle:
@@ -97,7 +98,7 @@ class Cycle:
         deadline = Deadline(seconds)
         while not deadline.expired():
             self.check(boot)
-            if text in panel_lines(self.bench_output(boot)):
+            if text in shown(self.bench_output(boot)):
                 return
             time.sleep(1)
         raise ConsoleTimeout(f"the bench showed no '{text}' within {deadline.seconds:.0f} s")
@@ -208,7 +209,7 @@ class Cycle:
         with open(os.path.join(self.out, f"boot{boot}-bench.log"), "w") as f:
             f.write(text)
         with open(os.path.join(self.out, f"boot{boot}-reboot.txt"), "w") as f:
-            f.write("".join(line + "\n" for line in panel_lines(text)))
+            f.write("".join(line + "\n" for line in shown(text)))
         _, memory = self.board.run(f"cat {SAVED_MEMORY}", check=False)
         with open(os.path.join(self.out, f"boot{boot}-memory.txt"), "w") as f:
             f.write(memory)
@@ -273,9 +274,40 @@ class Cycle:
                 if boot > 1:
                     return True
                 self.touch.tap(*APPLY)
+            elif scenario == "usb-restore":
+                self.touch.tap(*RESTORE_BOX)
+                x, y = RESTORE_BOX
+                self.wait_change(form, (x - 12, y - 12, x + 12, y + 12))
+                self.touch.tap(*APPLY)
         elif scenario == "reset-phase2" and phase == "1":
             self.reset_bench(boot)
+        elif scenario == "usb-restore" and phase == "2":
+            self.restore_from_stick(boot)
+            return True
         return False
+
+    def restore_from_stick(self, boot):
+        """After the third run the restore page: its button opens a folder chooser on the stick,
+        where the operator picks the full backup; the page then says how many files it restored."""
+        self.wait_run(boot, 1)
+        deadline = Deadline(60)
+        # The page replaces the result panel: where the panel's list was, the page has nothing.
+        while any(self.shot("now").pixel(x, y) != BACKGROUND for x, y in PAGE_EMPTY):
+            if deadline.expired():
+                raise ConsoleTimeout(f"no restore page within {deadline.seconds:.0f} s of the run's end")
+            time.sleep(0.5)
+        page = self.wait_steady()
+        self.keep(page, f"boot{boot}-usb-page")
+        self.touch.tap(*USB_RESTORE)
+        self.wait_change(page, (0, 0, 640, 480), columns=40)
+        dialog = self.wait_steady()
+        self.keep(dialog, f"boot{boot}-usb-dialog")
+        self.touch.tap(*DIALOG_FULL_BACKUP)
+        picked = self.wait_change(dialog, (0, 0, 640, 480), columns=20)
+        self.keep(picked, f"boot{boot}-usb-picked")
+        self.touch.tap(*DIALOG_CHOOSE)
+        self.wait_change(picked, (0, 0, 640, 480), columns=40)
+        self.keep(self.wait_steady(), f"boot{boot}-usb-restored")
 
     def reset_bench(self, boot):
         self.wait_line(boot, "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes", 300)

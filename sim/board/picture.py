@@ -25,6 +25,10 @@ class Picture:
         """How many colours it holds: QEMU's placeholder before the guest's first mode has two."""
         return len({self.pixels[i:i + 3] for i in range(0, len(self.pixels), 3)})
 
+    def pixel(self, x, y):
+        at = (y * self.width + x) * 3
+        return tuple(self.pixels[at:at + 3])
+
     def same_as(self, other):
         return self.pixels == other.pixels
 

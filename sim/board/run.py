@@ -57,6 +57,8 @@ STICK = os.path.join(os.path.dirname(os.path.realpath(__file__)), "..", "devices
 def make_stick(out):
     """The customer's USB stick: a FAT disk holding sim/devices/stick's folders."""
     image = os.path.join(out, "stick.img")
+    if os.path.exists(image):
+        os.remove(image)
     sh("mkfs.vfat", "-C", "-n", "STICK", image, "16384")
     sh("mcopy", "-s", "-i", image, *[os.path.join(STICK, name) for name in sorted(os.listdir(STICK))], "::/")
     return image

@@ -146,5 +146,15 @@ case_peer_that_fails_to_start() {
     done
 }
 
+# WATCHTOWER down keeps its port 22 open with nothing behind it; stopped, the port refuses.
+case_watchtower_port() {
+    local mode
+    for mode in "down open" "stopped refused"; do
+        read -r mode want <<<"$mode"
+        check "--watchtower $mode: port 22 $want" "$want" "$("$TOVSIM" exec --watchtower "$mode" -- \
+            bash -c 'exec 3<>/dev/tcp/192.0.2.10/22 && echo open || echo refused' 2>/dev/null)"
+    done
+}
+
 "case_$1"
 [[ $failures -eq 0 ]]
