@@ -16,11 +16,13 @@ format of sim/unit/tovboot, so that tests/e2e/expected applies to the board as i
 import os
 import time
 
-from console import BoardFailure, ConsoleError, ConsoleTimeout
+from console import ConsoleError, ConsoleTimeout
 from deadline import Deadline
 from expect import Expectations, Mismatch, boot_outputs, shown, whole_lines
+from machine import board_pin
 from picture import Picture
 from screen import wait_for_screen
+import starter
 from touch import KEYS, Touch
 
 # Places on the form's 640 x 480 page, read from its picture.
@@ -47,10 +49,8 @@ KEYBOARD_BOX = (10, 330, 630, 450)
 # The first choice of the accent popup that a long press on E opens ("é").
 FIRST_ACCENT = (114, 374)
 
-RESERVE_PIN = 202
+RESERVE_PIN = board_pin("reserve")
 BUNDLE_FILES = ("bundle", "tov_env")
-HALTED = rb"board: halted"
-BENCH_ENDED = rb"board: the bench ended with status \d+"
 SAVED_LOG = "/nand/bench.previous.log"
 SAVED_MEMORY = "/nand/memory.previous"  # /proc/meminfo's and the bench's figures at the shutdown
 
@@ -94,7 +94,7 @@ class Cycle:
             return self.expected.check_panel(boot, self.bench_output(boot), finished)
         except Mismatch as error:
             self.keep(self.shot("now"), f"boot{boot}-differs")
-            raise Mismatch(f"{error}\n(the screen then: boot{boot}-differs.png)") from None
+            raise type(error)(f"{error}\n(the screen then: boot{boot}-differs.png)", error.what) from None
 
     def wait_line(self, boot, text, seconds):
         """Waits for TEXT among the result panel's lines of this boot."""
@@ -203,29 +203,18 @@ class Cycle:
     # --- boots ------------------------------------------------------------------------------
 
     def wait_reboot(self, boot, seconds):
-        """Waits for the board's orderly shutdown, keeping the screen as it was just before. A
-        bench that ends without the board going down within a while has failed: no use waiting."""
-        deadline = Deadline(seconds)
-        last = None
-        while True:
-            try:
-                self.board.console.wait(HALTED, Deadline(1.5), failures=[BENCH_ENDED])
-                break
-            except BoardFailure as error:
-                if error.pattern != BENCH_ENDED:
-                    raise
-                self.board.console.wait(HALTED, Deadline(20))
-                break
-            except ConsoleTimeout:
-                pass
-            if deadline.expired():
-                raise ConsoleTimeout(f"boot {boot} did not reboot within {deadline.seconds:.0f} s")
+        """Waits for the board's reboot (Machine.wait_reboot), holding the panel to the scenario's
+        lines meanwhile and keeping the screen as it was just before."""
+        last = [None]
+
+        def look():
             self.check(boot)
-            last = self.shot("last")
+            last[0] = self.shot("last")
+        self.board.wait_reboot(seconds, meanwhile=look, every=1.5)
         self.check(boot, finished=True)
         self.log("  reboot requested")
-        if last is not None:
-            self.keep(last, f"boot{boot}-reboot")
+        if last[0] is not None:
+            self.keep(last[0], f"boot{boot}-reboot")
 
     def keep_previous_log(self, boot):
         """The bench's output of boot BOOT, which the shutdown saved on the NAND."""
@@ -240,10 +229,10 @@ class Cycle:
 
     def boot_line(self, boot):
         _, phase = self.board.run("head -n 1 /home/TOV/tov_test.cfg 2>/dev/null || echo none")
-        _, starter = self.board.run("sed -n 's/^TOV_BIN_NAME=//p' /home/TOV/tov_starter")
-        phase, starter = phase.strip() or "none", starter.strip()
-        self.log(f"boot {boot}: phase file {phase}, starter runs '{starter}'")
-        return phase, starter
+        program = starter.program(self.board.read(starter.PATH))
+        phase = phase.strip() or "none"
+        self.log(f"boot {boot}: phase file {phase}, starter runs '{program}'")
+        return phase, program
 
     def set_cable(self, up):
         """The Ethernet cable plugged or pulled, as the kernel's driver reports it where the bench
@@ -347,9 +336,9 @@ class Cycle:
         the operator stops, or to the end of the phases asked for."""
         reboots = 0
         while True:
-            phase, starter = self.boot_line(boot)
-            if starter != "tov_test":
-                self.log(f"outcome: handed over to '{starter}'")
+            phase, program = self.boot_line(boot)
+            if program != "tov_test":
+                self.log(f"outcome: handed over to '{program}'")
                 return self.check_end(boot)
             if reboots == self.phases:
                 self.log("outcome: stopped after the phases asked for", expected=False)
@@ -369,7 +358,7 @@ class Cycle:
 
     def check_end(self, boot):
         """The unit's files where the scenario ends, against the host's."""
-        _, line = self.board.run("grep '^TOV_BIN_NAME=' /home/TOV/tov_starter")
+        line = starter.line_of(starter.program(self.board.read(starter.PATH))) + "\n"
         with open(os.path.join(self.out, "starter"), "w") as f:
             f.write(line)
         _, files = self.board.run("ls -1 /home/TOV")

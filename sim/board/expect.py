@@ -28,7 +28,16 @@ JOURNAL = "journal of the unit:"
 
 
 class Mismatch(ConsoleError):
-    """The board showed another line than the host's run of the scenario did."""
+    """The board showed another line than the host's run of the scenario did: WHAT names the
+    expected file it differs from."""
+
+    def __init__(self, text, what):
+        super().__init__(text)
+        self.what = what
+
+
+class ExtraRun(Mismatch):
+    """A boot ran the tests more times than the host's run did."""
 
 
 def normalize(lines):
@@ -115,7 +124,7 @@ class Expectations:
         self.logged.append(line)
         if index >= len(self.boots_log) or self.boots_log[index] != line:
             raise Mismatch("boots.log differs from the host's:\n"
-                           + difference(self.boots_log[:index + 1], self.logged, "boots.log"))
+                           + difference(self.boots_log[:index + 1], self.logged, "boots.log"), "boots.log")
 
     def check_panel(self, boot, output, finished=False):
         """Holds the runs of BOOT so far (its bench OUTPUT) to the expected ones: each must be the
@@ -124,8 +133,8 @@ class Expectations:
         expected = self.expected_runs(boot)
         actual = [normalize(run) for run in runs(whole_lines(output))]
         if len(actual) > len(expected):
-            raise Mismatch(f"boot {boot} ran {len(actual)} run(s) of the tests, the host's run "
-                           f"{len(expected)}: its lines:\n" + "\n".join(actual[len(expected)]))
+            raise ExtraRun(f"boot {boot} ran {len(actual)} run(s) of the tests, the host's run "
+                           f"{len(expected)}: its lines:\n" + "\n".join(actual[len(expected)]), f"boot {boot}")
         whole = 0
         for index, (name, lines) in enumerate(expected[:len(actual)]):
             seen = actual[index]
@@ -133,7 +142,7 @@ class Expectations:
             if seen == lines:
                 whole += 1
             elif seen != lines[:len(seen)] or not last or finished:
-                raise Mismatch(f"{name} differs:\n" + difference(lines, seen, name))
+                raise Mismatch(f"{name} differs:\n" + difference(lines, seen, name), name)
         return whole
 
     def check_end(self, boot, output):
@@ -143,13 +152,15 @@ class Expectations:
             return
         seen = normalize(shown(whole_lines(output)))
         if seen != lines:
-            raise Mismatch(f"boot{boot}-end.txt differs:\n" + difference(lines, seen, f"boot{boot}-end.txt"))
+            raise Mismatch(f"boot{boot}-end.txt differs:\n" + difference(lines, seen, f"boot{boot}-end.txt"),
+                           f"boot{boot}-end.txt")
 
     def check_files(self, starter, home_files):
         """The starter's line and the files of /home/TOV at the end."""
         for name, seen in (("starter", starter), ("home-files", home_files)):
             lines = self.text(name)
             if lines is not None and seen != lines:
-                raise Mismatch(f"{name} differs:\n" + difference(lines, seen, name))
+                raise Mismatch(f"{name} differs:\n" + difference(lines, seen, name), name)
         if len(self.logged) != len(self.boots_log):
-            raise Mismatch("boots.log ends early:\n" + difference(self.boots_log, self.logged, "boots.log"))
+            raise Mismatch("boots.log ends early:\n" + difference(self.boots_log, self.logged, "boots.log"),
+                           "boots.log")

@@ -60,6 +60,47 @@ class LogError(Exception):
     """The log cannot be replayed: what it holds would give a wrong state."""
 
 
+class NotALog(LogError):
+    """The file is too short for a log's superblock, or its sector size is not one a log has."""
+
+
+class BadMagic(NotALog):
+    pass
+
+
+class BadVersion(NotALog):
+    pass
+
+
+class CountPastEnd(LogError):
+    """The superblock counts more entries than the log holds."""
+
+
+class PastImageEnd(LogError):
+    """An entry writes or discards past the image's end: not the image the log began on."""
+
+
+class EntryProblem(LogError):
+    """Why an entry cannot be read: raised for one the superblock counts, the reason the reading
+    stopped (Log.stopped_by) for one past the count."""
+
+
+class CutShort(EntryProblem):
+    pass
+
+
+class UnknownFlags(EntryProblem):
+    pass
+
+
+class Blank(EntryProblem):
+    """A place QEMU had taken for an entry and not yet written when it was killed."""
+
+
+class Malformed(EntryProblem):
+    """A mark that does not fit its sector, or a write carrying its data inline."""
+
+
 class Entry:
     __slots__ = ("index", "offset", "sector", "sectors", "flags", "data")
 
@@ -85,16 +126,16 @@ class Log:
         with open(path, "rb") as f:
             head = f.read(SUPER.size)
             if len(head) < SUPER.size:
-                raise LogError(f"{path}: {size} bytes, too short for a log's superblock")
+                raise NotALog(f"{path}: {size} bytes, too short for a log's superblock")
             magic, version, counted, sectorsize = SUPER.unpack(head)
             if magic != MAGIC:
-                raise LogError(f"{path}: bad magic {magic:#x} (a write log starts with {MAGIC:#x})")
+                raise BadMagic(f"{path}: bad magic {magic:#x} (a write log starts with {MAGIC:#x})")
             if version != VERSION:
-                raise LogError(f"{path}: log version {version}, only version {VERSION} is read")
+                raise BadVersion(f"{path}: log version {version}, only version {VERSION} is read")
             if sectorsize < ENTRY.size or sectorsize & (sectorsize - 1) or sectorsize >= 1 << 24:
-                raise LogError(f"{path}: sector size {sectorsize} is not a power of two from {ENTRY.size} on")
+                raise NotALog(f"{path}: sector size {sectorsize} is not a power of two from {ENTRY.size} on")
             self.sectorsize, self.counted = sectorsize, counted
-            self.entries, self.stop = [], None
+            self.entries, self.stop, self.stopped_by = [], None, None
             offset = sectorsize
             while offset < size:
                 index = len(self.entries)
@@ -103,36 +144,36 @@ class Log:
                 problem, entry = self._entry(index, offset, raw, size)
                 if problem is not None:
                     if index < counted:
-                        raise LogError(f"{path}: entry {index} of the {counted} the superblock counts: {problem}")
-                    self.stop = f"entry {index} at byte {offset}: {problem}"
+                        raise type(problem)(f"{path}: entry {index} of the {counted} the superblock counts: "
+                                            f"{problem}")
+                    self.stop, self.stopped_by = f"entry {index} at byte {offset}: {problem}", problem
                     break
                 self.entries.append(entry)
                 offset = self.after(entry)
             if len(self.entries) < counted:
-                raise LogError(f"{path}: the superblock counts {counted} entries, the log ends "
+                raise CountPastEnd(f"{path}: the superblock counts {counted} entries, the log ends "
                                f"after {len(self.entries)}")
 
     def _entry(self, index, offset, raw, size):
         if len(raw) < self.sectorsize:
-            return f"cut short ({len(raw)} of its {self.sectorsize} bytes)", None
+            return CutShort(f"cut short ({len(raw)} of its {self.sectorsize} bytes)"), None
         sector, sectors, flags, data_len = ENTRY.unpack_from(raw)
         if flags & ~KNOWN_FLAGS:
-            return f"unknown flags {flags:#x}", None
+            return UnknownFlags(f"unknown flags {flags:#x}"), None
         if not any(raw):
-            # A place QEMU had taken for an entry and not yet written when it was killed.
-            return "blank", None
+            return Blank("blank"), None
         if flags & MARK:
             if data_len > self.sectorsize - ENTRY.size:
-                return f"a mark of {data_len} bytes does not fit its sector", None
+                return Malformed(f"a mark of {data_len} bytes does not fit its sector"), None
             return None, Entry(index, offset, sector, 0, flags, None)
         if data_len:
-            return f"inline data ({data_len} bytes), which a disk's write log never carries", None
+            return Malformed(f"inline data ({data_len} bytes), which a disk's write log never carries"), None
         if flags & DISCARD or sectors == 0:
             return None, Entry(index, offset, sector, sectors, flags, None)
         data = offset + self.sectorsize
         if data + sectors * self.sectorsize > size:
-            return (f"its {sectors} sectors of data are cut short (the log ends "
-                    f"{size - data} bytes into them)"), None
+            return CutShort(f"its {sectors} sectors of data are cut short (the log ends "
+                            f"{size - data} bytes into them)"), None
         return None, Entry(index, offset, sector, sectors, flags, data)
 
     def after(self, entry):
@@ -177,7 +218,7 @@ class Replay:
         size = self.log.sectorsize
         at, length = entry.sector * size, entry.sectors * size
         if at + length > self.image_size:
-            raise LogError(f"entry {entry.index} writes bytes {at}..{at + length} past the image's end "
+            raise PastImageEnd(f"entry {entry.index} writes bytes {at}..{at + length} past the image's end "
                            f"({self.image_size} bytes): not the image the log began on?")
         done = 0
         while done < length:

@@ -57,8 +57,8 @@ import tempfile
 import threading
 import time
 
-from console import ConsoleClosed, ConsoleError, ConsoleTimeout
-from cycle import BENCH_ENDED, HALTED, Cycle
+from console import ConsoleError, ConsoleTimeout
+from cycle import Cycle
 from expect import PANEL
 from deadline import Deadline
 from logreplay import Log, LogError, Replay
@@ -66,8 +66,9 @@ from machine import Machine, StartError, board_arguments
 from nand import NandError, read_after_cut
 from run import TAPS, setup_network
 from screen import bench_running, wait_for_screen
+import starter
 
-STARTER = "/home/TOV/tov_starter"
+STARTER = starter.PATH
 PHASE = "/home/TOV/tov_test.cfg"
 IFACES = "/etc/network/interfaces"
 FILES = (STARTER, PHASE, IFACES)
@@ -89,13 +90,8 @@ FIRST_TEST_LINE = "Kernel Version"
 
 
 def program_of(files):
-    starter = files.get(STARTER)
-    if starter is None:
-        return None
-    for line in starter[0].decode("utf-8", "replace").splitlines():
-        if line.startswith("TOV_BIN_NAME="):
-            return line[len("TOV_BIN_NAME="):].strip()
-    return ""
+    found = files.get(STARTER)
+    return None if found is None else starter.program(found[0])
 
 
 def phase_of(files):
@@ -187,16 +183,13 @@ def handed_over(start, interfaces):
     start of its stretch) with its program line naming the production application, mode 755, no
     phase file, and INTERFACES, the factory interfaces file as the cycle showed it at its end.
     Returns (files, None), or (None, why they cannot be known)."""
-    starter = start.get(STARTER) if start else None
-    if starter is None or program_of(start) != BENCH:
+    found = start.get(STARTER) if start else None
+    if found is None or program_of(start) != BENCH:
         return None, f"the hand-over's stretch starts with {show(start) if start else 'files never seen'}"
-    lines = starter[0].split(b"\n")
-    lines = [b"TOV_BIN_NAME=" + PRODUCTION.encode() if line.startswith(b"TOV_BIN_NAME=") else line
-             for line in lines]
     why = not_factory(interfaces)
     if why:
         return None, f"the interfaces file at the cycle's end {why}"
-    return {STARTER: (b"\n".join(lines), 0o755), PHASE: None, IFACES: interfaces}, None
+    return {STARTER: (starter.naming(found[0], PRODUCTION), 0o755), PHASE: None, IFACES: interfaces}, None
 
 
 def not_factory(interfaces):
@@ -512,37 +505,21 @@ class Harness:
         print(f"powercut: FAIL {text}", flush=True)
         self.failures.append(text)
 
-    def wait_reboot(self, board, stretch, start_files, seconds=600):
-        """Waits for the orderly reboot; meanwhile reads the files about once a second, to
-        know the stretch's end should a cut keep it from booting after an orderly reboot."""
-        # Counted over all the console said: a reading of the files skips what came before it.
-        console = board.console
-        halts, ends = console.count(HALTED), console.count(BENCH_ENDED)
-        deadline = Deadline(seconds)
-        while not deadline.expired():
-            ended = None
-            pause = Deadline(1)
-            while not pause.expired() or ended is not None:
-                if console.count(HALTED) > halts:
-                    return
-                if console.closed:
-                    raise ConsoleClosed("QEMU closed the console")
-                if ended is None and console.count(BENCH_ENDED) > ends:
-                    # A bench that ends is followed by the reboot at once, or has failed.
-                    ended = Deadline(20)
-                if ended is not None and ended.expired():
-                    raise ConsoleError("the bench ended and the board did not reboot")
-                time.sleep(0.1)
+    def wait_reboot(self, board, stretch, seconds=600):
+        """Waits for the orderly reboot (Machine.wait_reboot); meanwhile reads the files about once
+        a second, to know the stretch's end should a cut keep it from booting after an orderly
+        reboot."""
+        def look():
             try:
                 # Briefly: a shell that the shutdown ends never answers.
                 files = guest_files(board, seconds=3)
             except (ConsoleTimeout, FilesUnlisted):
-                continue
+                return
             # Once the files say the next stretch, the last reading before the reboot: the state
             # the board reboots on (the bench replaces its files whole, and all within moments).
             if stretch_of(files) == stretch + 1:
                 self.polled[stretch] = files
-        raise ConsoleTimeout(f"the board did not reboot within {deadline.seconds:.0f} s")
+        board.wait_reboot(seconds, meanwhile=look)
 
     def play(self, folder, stretch, start_files, cut):
         """One life of the board, from QEMU's start to a cut or the hand-over. Returns True at
@@ -591,7 +568,7 @@ class Harness:
                     return True
                 if form is not None:
                     cycle.operate_form(form)
-                self.wait_reboot(board, stretch, start_files)
+                self.wait_reboot(board, stretch)
                 if self.log is not None:
                     # The board says it halted once the NAND is unmounted: the stretch's writes
                     # are all in the log by then, the next boot's not yet.

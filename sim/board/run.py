@@ -7,7 +7,10 @@ packet inside. Here the unit's eth0 is bridged to the board's tap, a DHCP server
 server side, QEMU boots the board, and the steps asked for run; everything lands in --out.
 
     run.py --out DIR --kernel FILE --initrd FILE --disk FILE [--manual]
-           [--steps first-screen|touch|phase|cycle] [--run COMMAND]...
+           [--steps first-screen|touch|phase|cycle|first-frame] [--first-frame PROGRAM] [--run COMMAND]...
+
+first-frame: the seconds from QEMU's start to the first full frame of PROGRAM (its binary in the
+bundle, default tov_test), which the starter starts (firstframe.py).
 """
 import os
 import subprocess
@@ -18,6 +21,8 @@ from screen import wait_for_screen
 from deadline import Deadline
 from machine import Machine, StartError, board_arguments, log_tail
 from cycle import Cycle
+from firstframe import PERIOD, first_frame
+import starter
 
 
 SERVER_ADDR = "192.0.2.10"
@@ -89,10 +94,10 @@ def start_dhcp_server(config, log):
     while not listens_on_udp(DHCP_PORT):
         if server.poll() is not None:
             raise StartError(f"the DHCP server ended at its start with status {server.returncode}: "
-                             + log_tail(log))
+                             + log_tail(log), "udhcpd", server.returncode, log_tail(log))
         if deadline.expired():
             raise StartError(f"the DHCP server does not listen on port {DHCP_PORT} after "
-                             f"{deadline.seconds:.0f} s: " + log_tail(log))
+                             f"{deadline.seconds:.0f} s: " + log_tail(log), "udhcpd", None, log_tail(log))
         time.sleep(0.05)
 
 
@@ -110,7 +115,7 @@ DEVICES = ("ls -l /dev/fb0 /dev/input/ /dev/ttyS0 /dev/ttySAC1 /dev/rs485_Ctrl /
 def first_screen(board, out):
     boots = board.wait_boot()
     print(f"board: boot {boots}: {board.run('uname -r')[1].strip()}, "
-          f"starter runs '{board.run('sed -n s/^TOV_BIN_NAME=//p /home/TOV/tov_starter')[1].strip()}'")
+          f"starter runs '{starter.program(board.read(starter.PATH))}'")
     form = wait_for_screen(board, out, f"boot{boots}-form")
     with open(os.path.join(out, f"boot{boots}-devices.txt"), "w") as f:
         f.write(board.run(DEVICES, check=False)[1])
@@ -135,6 +140,7 @@ def main():
     parser.add_argument("--steps", default="first-screen")
     parser.add_argument("--run", action="append", default=[])
     parser.add_argument("--scenario", default="good")
+    parser.add_argument("--first-frame", default="tov_test")
     args = parser.parse_args()
     out = args.out
     try:
@@ -152,6 +158,13 @@ def main():
         board.start()
         if args.scenario == "no-network":
             board.set_link("eth0", False)
+        if args.steps == "first-frame":
+            # Before anything else asks the guest for anything: the boot as the unit's.
+            program = args.first_frame
+            seconds, coloured, dumps = first_frame(board, out, program, board.started)
+            print(f"board: first full frame of {program}: {seconds:.2f} s after QEMU's start "
+                  f"({dumps} screendumps, one every {PERIOD} s; the first many-coloured one at {coloured:.2f} s)")
+            return status
         form = first_screen(board, out)
         if args.manual:
             print("board: QEMU's window is the unit's screen and the mouse the finger; close the "
