@@ -581,7 +581,7 @@ class Harness:
                     raise ConsoleError("cut at the reboot")
                 began = time.monotonic()
                 stretch += 1
-        except Exception as error:
+        except Exception:
             cutter.cancel()
             if cutter.fired is None:
                 raise
