@@ -20,17 +20,12 @@ from console import ConsoleError, ConsoleTimeout
 from deadline import Deadline
 from expect import Expectations, Mismatch, boot_outputs, shown, whole_lines
 from machine import board_pin
+from needle import Needles
 from picture import Picture
 from screen import wait_for_screen
 import starter
-from touch import KEYS, Touch
+from touch import Touch
 
-# Places on the form's 640 x 480 page, read from its picture.
-RESTORE_BOX = (22, 71)
-APPLY = (530, 71)
-# Right of the SFTP server's text: the tap puts the cursor at its end.
-SERVER_FIELD = (610, 280)
-SERVER_FIELD_BOX = (438, 270, 626, 291)
 # The reset button under the result panel (phases 2 and 3), and its confirmation's "Yes".
 RESET = (135, 450)
 RESET_YES = (266, 236)
@@ -46,8 +41,6 @@ DIALOG_LIST = (320, 200)
 WHITE = (255, 255, 255)
 # The on-screen keyboard, shown with the form only.
 KEYBOARD_BOX = (10, 330, 630, 450)
-# The first choice of the accent popup that a long press on E opens ("é").
-FIRST_ACCENT = (114, 374)
 
 RESERVE_PIN = board_pin("reserve")
 BUNDLE_FILES = ("bundle", "tov_env")
@@ -63,6 +56,8 @@ class Cycle:
         self.scenario = scenario
         self.expected = Expectations(scenario)
         self.touch = Touch(board)
+        # What the operator presses is found on the screen by its reference picture (needles/).
+        self.needles = Needles(board, out)
         self.boots_log = open(os.path.join(out, "boots.log"), "w")
 
     def log(self, line, expected=True):
@@ -156,42 +151,39 @@ class Cycle:
     # --- the operator at the first boot -----------------------------------------------------
 
     def tick_and_untick(self, form):
-        x, y = RESTORE_BOX
-        box = (x - 12, y - 12, x + 12, y + 12)
-        self.touch.tap(x, y)
-        self.keep(self.wait_change(form, box), "touch-box-ticked")
-        # The good scenario restores nothing at the end: the box goes back as it was.
-        self.touch.tap(x, y)
-        self.wait_change(form, box, changed=False, columns=0)
+        box = self.needles.tap("restore-box", form)
+        self.keep(self.wait_change(form, box.box), "touch-box-ticked")
+        # The good scenario restores nothing at the end: the box goes back as it was. Ticked, it
+        # no longer looks like its reference: the second tap goes where the first one did.
+        self.touch.tap(box.x, box.y, box.name)
+        self.wait_change(form, box.box, changed=False, columns=0)
         print("board: a tap ticked the restore box, a second one unticked it")
 
     def type_with_accent(self, form):
-        self.touch.tap(*SERVER_FIELD)
+        field = self.needles.tap("sftp-field", form)
         focused = self.shot("now")
-        self.touch.key("E")
-        self.wait_change(form, SERVER_FIELD_BOX)
+        key = self.needles.tap("key-E", focused)
+        typed_e = self.wait_change(form, field.box)
         # A long press on E opens the accent popup; the release then types nothing.
-        x, y = KEYS["E"]
-        self.touch.press(x, y)
-        pressed = self.wait_change(focused, (0, 300, 640, 480), columns=20)
+        self.touch.press(key.x, key.y, key.name)
+        self.wait_change(focused, key.box, columns=(key.box[2] - key.box[0]) // 3)
         # The popup opens when the key has been held for a second.
         time.sleep(1.2)
-        popup = self.wait_change(pressed, (0, 0, 640, 480), columns=40)
+        popup, accent = self.needles.wait("accent-first", 15)
         self.keep(popup, "keyboard-accent-popup")
-        self.touch.release(x, y)
-        self.touch.tap(*FIRST_ACCENT)
-        typed = self.wait_change(popup, (0, 330, 640, 480), columns=40)
-        self.keep(typed, "keyboard-typed")
+        self.touch.release(key.x, key.y, key.name)
+        self.touch.tap(accent.x, accent.y, accent.name)
+        self.keep(self.wait_change(typed_e, field.box), "keyboard-typed")
         # Both letters erased: the form is applied as it came, as in sim/operator's good scenario.
-        self.touch.key("backspace")
-        self.touch.key("backspace")
-        self.wait_change(form, SERVER_FIELD_BOX, changed=False, columns=2)
+        backspace = self.needles.tap("key-backspace")
+        self.touch.tap(backspace.x, backspace.y, backspace.name)
+        self.wait_change(form, field.box, changed=False, columns=2)
         print("board: 'eé' typed into the SFTP server's field on the keyboard, then erased")
 
     def operate_form(self, form):
         self.tick_and_untick(form)
         self.type_with_accent(form)
-        self.touch.tap(*APPLY)
+        self.needles.tap("apply")
 
     def toggle_reserve(self):
         self.wait_line(1, "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes", 300)
@@ -271,27 +263,26 @@ class Cycle:
                 self.operate_form(form)
                 self.toggle_reserve()
             elif scenario == "no-network":
-                self.touch.tap(*APPLY)
+                self.needles.tap("apply", form)
                 self.wait_for_form(boot, form, 1)
                 self.set_cable(True)
                 # The operator starts again once the unit has its address from the plugged cable.
                 self.board.run("for i in $(seq 60); do ip -4 addr show eth0 | grep -q inet && break; sleep 1; "
                                "done; ip -4 addr show eth0 | grep -q inet", seconds=90)
                 print("board: the cable plugged after the failed run, eth0 has its address")
-                self.touch.tap(*APPLY)
+                self.needles.tap("apply")
             elif scenario in ("faulty-module", "server-down"):
-                self.touch.tap(*APPLY)
+                self.needles.tap("apply", form)
                 self.wait_for_form(boot, form, 1)
                 return True
             elif scenario == "reset-phase2":
                 if boot > 1:
                     return True
-                self.touch.tap(*APPLY)
+                self.needles.tap("apply", form)
             elif scenario == "usb-restore":
-                self.touch.tap(*RESTORE_BOX)
-                x, y = RESTORE_BOX
-                self.wait_change(form, (x - 12, y - 12, x + 12, y + 12))
-                self.touch.tap(*APPLY)
+                box = self.needles.tap("restore-box", form)
+                self.wait_change(form, box.box)
+                self.needles.tap("apply")
         elif scenario == "reset-phase2" and phase == "1":
             self.reset_bench(boot)
         elif scenario == "usb-restore" and phase == "2":

@@ -291,8 +291,11 @@ class Machine:
         self.qmp.execute("screendump", {"filename": path})
         return path
 
-    def tap_events(self, x, y, down):
-        self.console.note(f"touch {x},{y}" + ("" if down is None else " down" if down else " up"))
+    def tap_events(self, x, y, down, what=None):
+        """Moves the finger to (x, y), then presses (down True) or lifts it (False); WHAT, the
+        touched widget's name, goes into the log's note."""
+        self.console.note(f"touch {x},{y}" + ("" if down is None else " down" if down else " up")
+                          + ("" if what is None else f" ({what})"))
         events = [
             {"type": "abs", "data": {"axis": "x", "value": x * TABLET_MAX // (SCREEN_W - 1)}},
             {"type": "abs", "data": {"axis": "y", "value": y * TABLET_MAX // (SCREEN_H - 1)}},
