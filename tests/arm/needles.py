@@ -3,8 +3,8 @@
 built from the committed references themselves, each laid on a plain page at its table's box: every
 reference is found where it was moved to, under noise, a slightly shifted anti-aliasing and a text
 cursor; one taken away fails naming it and leaves the screen as PNG; its mirror image (a key with
-another letter, the accent leaning the other way) is not taken, nor is one shown twice. The remake
-cuts the same bytes again. Needs numpy and imagemagick, no board.
+another letter, the accent leaning the other way) or its shapes in another colour are not taken, nor
+is one shown twice. The remake cuts the same bytes again. Needs numpy and imagemagick, no board.
 
     tests/arm/needles.py
 """
@@ -135,6 +135,12 @@ def look_alikes(needles):
         mirrored[y0:y1, x0:x1] = pixels[name][:, ::-1]
         where = found(needles, mirrored, name)
         check(isinstance(where, NeedleMissing), f"{name}: its mirror image taken for it, tap at {where}")
+        # The same shapes in another colour (a pressed key, a highlighted choice): one channel off.
+        recoloured = screen(others(name))
+        recoloured[y0:y1, x0:x1] = pixels[name]
+        recoloured[y0:y1, x0:x1, 2] = 255 - pixels[name][:, :, 2]
+        where = found(needles, recoloured, name)
+        check(isinstance(where, NeedleMissing), f"{name}: taken in another colour, tap at {where}")
         dx, dy = next((dx, dy) for dx, dy in SHIFTS if fits(name, x0 + dx, y0 + dy))
         mirrored[y0 + dy:y1 + dy, x0 + dx:x1 + dx] = pixels[name]
         where = found(needles, mirrored, name)
