@@ -22,7 +22,7 @@ A reference not on the screen, or on it twice, raises NeedleMissing (a ConsoleEr
 reference and the PNG of that screen it left in the run's folder. A box watched for a change after
 a tap is the spot's box, wherever the widget was found.
 
-    needle.py remake RUN_DIR          the references cut again from RUN_DIR's screenshots
+    needle.py remake RUN_DIR...       the references cut again from the runs' screenshots
     needle.py find PNG [NAME...]      where each reference (or those named) is on a screenshot
 """
 import collections
@@ -202,12 +202,18 @@ class Needles:
             time.sleep(0.3)
 
 
-def remake(run_dir, folder=NEEDLES):
-    """Cuts every reference again from RUN_DIR's screenshots. One that its screenshot does not
-    show once, where it was cut, is left as it was. Returns how many were left."""
+def remake(run_dirs, folder=NEEDLES):
+    """Cuts the references again from the screenshots in RUN_DIRS (the first folder holding a
+    reference's screenshot gives it: the runs of several scenarios may be needed for all). One
+    whose screenshot is in none of them is left as it was, and so is one that its screenshot does
+    not show once, where it was cut: returns how many of those."""
     failed = 0
     for reference in read_table(folder).values():
-        shot = os.path.join(run_dir, f"{reference.shot}.png")
+        shots = [os.path.join(run_dir, f"{reference.shot}.png") for run_dir in run_dirs]
+        shot = next((shot for shot in shots if os.path.exists(shot)), None)
+        if shot is None:
+            print(f"{reference.name}: left as it was, no {reference.shot}.png in {' '.join(run_dirs)}")
+            continue
         screen = Picture.from_png(shot).array()
         x0, y0, x1, y1 = reference.box
         cut = screen[y0:y1, x0:x1]
@@ -231,8 +237,8 @@ def remake(run_dir, folder=NEEDLES):
 
 
 def main(argv):
-    if len(argv) == 2 and argv[0] == "remake":
-        return 1 if remake(argv[1]) else 0
+    if len(argv) >= 2 and argv[0] == "remake":
+        return 1 if remake(argv[1:]) else 0
     if len(argv) >= 2 and argv[0] == "find":
         screen = Picture.from_png(argv[1]).array().astype(numpy.int16)
         references = read_table()

@@ -124,8 +124,8 @@ def elsewhere(name):
     """A place for a second copy of NAME, clear of the first."""
     x0, y0, x1, y1 = references[name].box
     w, h = x1 - x0, y1 - y0
-    return next((x, y) for x, y in ((x0, y0 + h + 10), (x0, y0 - h - 10), (x0 + w + 10, y0), (x0 - w - 10, y0))
-                if fits(name, x, y))
+    places = ((x0, y0 + h + 10), (x0, y0 - h - 10), (x0 + w + 10, y0), (x0 - w - 10, y0))
+    return next((x, y) for x, y in places if fits(name, x, y))
 
 
 def look_alikes(needles):
@@ -154,27 +154,34 @@ def look_alikes(needles):
 
 def remade(out):
     """The remake cuts the committed bytes again from screenshots that hold the references at their
-    boxes, and refuses a reference that its own screenshot shows twice."""
-    run, folder = os.path.join(out, "run"), os.path.join(out, "needles")
-    os.makedirs(run)
+    boxes, each screenshot in a run folder of its own, and refuses a reference that its own
+    screenshot shows twice."""
+    folder = os.path.join(out, "needles")
     os.makedirs(folder)
     with open(os.path.join(NEEDLES, "table")) as f:
         table = f.read()
     with open(os.path.join(folder, "table"), "w") as f:
         f.write(table)
+    runs = {}
     for shot in {reference.shot for reference in references.values()}:
+        runs[shot] = os.path.join(out, f"run-{shot}")
+        os.makedirs(runs[shot])
         names = [name for name, reference in references.items() if reference.shot == shot]
-        with open(os.path.join(run, f"{shot}.png"), "wb") as f:
+        with open(os.path.join(runs[shot], f"{shot}.png"), "wb") as f:
             f.write(png_bytes(screen([at_home(name) for name in names])))
-    check(remake(run, folder) == 0, "the remake failed on screenshots holding every reference")
+    check(remake(sorted(runs.values()), folder) == 0,
+          "the remake failed on screenshots holding every reference")
     for name, reference in references.items():
-        with open(reference.path, "rb") as committed, open(os.path.join(folder, f"{name}.png"), "rb") as cut:
-            check(committed.read() == cut.read(), f"the remake cut {name}.png otherwise than committed")
+        cut = os.path.join(folder, f"{name}.png")
+        with open(reference.path, "rb") as committed:
+            check(os.path.exists(cut) and committed.read() == open(cut, "rb").read(),
+                  f"the remake cut {name}.png otherwise than committed")
     name, reference = next(iter(references.items()))
     names = [other for other, each in references.items() if each.shot == reference.shot]
-    with open(os.path.join(run, f"{reference.shot}.png"), "wb") as f:
+    with open(os.path.join(runs[reference.shot], f"{reference.shot}.png"), "wb") as f:
         f.write(png_bytes(screen([at_home(other) for other in names] + [(name, *elsewhere(name))])))
-    check(remake(run, folder) == 1, f"the remake took {name} from a screenshot that shows it twice")
+    check(remake([runs[reference.shot]], folder) == 1,
+          f"the remake took {name} from a screenshot that shows it twice")
 
 
 def main():
