@@ -26,19 +26,6 @@ from screen import wait_for_screen
 import starter
 from touch import Touch
 
-# The reset button under the result panel (phases 2 and 3), and its confirmation's "Yes".
-RESET = (135, 450)
-RESET_YES = (266, 236)
-# The restore page's "Restaurer Fichiers depuis USB Dongle"; in its folder chooser, the stick's
-# "backup_full" and the button that chooses it.
-USB_RESTORE = (471, 366)
-PAGE_EMPTY = ((30, 200), (320, 200), (600, 220))
-BACKGROUND = (239, 239, 239)
-DIALOG_FULL_BACKUP = (208, 86)
-DIALOG_CHOOSE = (598, 366)
-# Inside the chooser's list of folders, white, where the page has its plain background.
-DIALOG_LIST = (320, 200)
-WHITE = (255, 255, 255)
 # The on-screen keyboard, shown with the form only.
 KEYBOARD_BOX = (10, 330, 630, 450)
 
@@ -122,31 +109,6 @@ class Cycle:
                 state = "changed" if changed else "came back"
                 raise ConsoleTimeout(f"the screen in {box} never {state} (see unexpected.png)")
             time.sleep(0.3)
-
-    def wait_pixel(self, point, colour, what, present=True, seconds=60):
-        """Waits until the screen has COLOUR at POINT (or, with present=False, another colour)."""
-        deadline = Deadline(seconds)
-        while (self.shot("now").pixel(*point) == colour) != present:
-            if deadline.expired():
-                self.keep(self.shot("now"), "unexpected")
-                raise ConsoleTimeout(f"{what} did not {'show' if present else 'go'} within "
-                                     f"{deadline.seconds:.0f} s (see unexpected.png)")
-            time.sleep(0.5)
-
-    def wait_steady(self, seconds=30, hold=0.5):
-        """The screen once looks HOLD seconds apart see the same picture."""
-        deadline = Deadline(seconds)
-        previous = self.shot("now")
-        while True:
-            time.sleep(hold)
-            now = self.shot("now")
-            if now.same_as(previous):
-                return now
-            if deadline.expired():
-                self.keep(now, "unexpected")
-                raise ConsoleTimeout(f"the screen did not hold still within {deadline.seconds:.0f} s "
-                                     "(see unexpected.png)")
-            previous = now
 
     # --- the operator at the first boot -----------------------------------------------------
 
@@ -294,33 +256,24 @@ class Cycle:
         """After the third run the restore page: its button opens a folder chooser on the stick,
         where the operator picks the full backup; the page then says how many files it restored."""
         self.wait_run(boot, 1)
-        deadline = Deadline(60)
-        # The page replaces the result panel: where the panel's list was, the page has nothing.
-        while any(self.shot("now").pixel(x, y) != BACKGROUND for x, y in PAGE_EMPTY):
-            if deadline.expired():
-                raise ConsoleTimeout(f"no restore page within {deadline.seconds:.0f} s of the run's end")
-            time.sleep(0.5)
-        page = self.wait_steady()
+        page, _ = self.needles.wait("usb-restore", 60)
         self.keep(page, f"boot{boot}-usb-page")
-        self.touch.tap(*USB_RESTORE)
-        self.wait_pixel(DIALOG_LIST, WHITE, "the folder chooser")
-        dialog = self.wait_steady()
+        self.needles.tap("usb-restore", page)
+        dialog, folder = self.needles.wait("chooser-backup-full", 60)
         self.keep(dialog, f"boot{boot}-usb-dialog")
-        self.touch.tap(*DIALOG_FULL_BACKUP)
-        x, y = DIALOG_FULL_BACKUP
-        self.keep(self.wait_change(dialog, (x - 60, y - 10, x + 60, y + 10), columns=20), f"boot{boot}-usb-picked")
-        self.touch.tap(*DIALOG_CHOOSE)
-        self.wait_pixel(DIALOG_LIST, WHITE, "the folder chooser's end", present=False)
-        # The copies block the page's painting: the page holding still a while says they are done.
-        self.keep(self.wait_steady(hold=2), f"boot{boot}-usb-restored")
+        self.needles.tap("chooser-backup-full", dialog)
+        self.keep(self.wait_change(dialog, folder.box, columns=20), f"boot{boot}-usb-picked")
+        self.needles.tap("chooser-choose")
+        restored, _ = self.needles.wait("usb-restored", 60)
+        self.keep(restored, f"boot{boot}-usb-restored")
 
     def reset_bench(self, boot):
         self.wait_line(boot, "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes", 300)
-        before = self.wait_steady()
-        self.touch.tap(*RESET)
-        self.wait_change(before, (0, 0, 640, 480), columns=40)
-        self.keep(self.wait_steady(), f"boot{boot}-reset-box")
-        self.touch.tap(*RESET_YES)
+        self.needles.tap("reset")
+        # The confirmation opens over the panel once the bench takes the tap.
+        box, _ = self.needles.wait("reset-yes", 60)
+        self.keep(box, f"boot{boot}-reset-box")
+        self.needles.tap("reset-yes", box)
 
     def run(self, boot, form, phase_seconds=600):
         """Plays the scenario from the first boot (already on its form) to the hand-over, to where
