@@ -53,8 +53,13 @@ def at_home(name):
     return name, references[name].box[0], references[name].box[1]
 
 
+def same_screen(name):
+    """The references cut from the same screenshot as NAME: those of other screens overlap it."""
+    return [other for other in references if references[other].shot == references[name].shot]
+
+
 def others(name):
-    return [at_home(other) for other in references if other != name]
+    return [at_home(other) for other in same_screen(name) if other != name]
 
 
 def fits(name, x, y):
@@ -82,19 +87,22 @@ def moved_and_disturbed(needles):
             check(where == (tap_x + dx, tap_y + dy), f"{name} moved by {dx},{dy}: tap at {where}, "
                   f"not {tap_x + dx},{tap_y + dy}")
     rng = numpy.random.default_rng(1)
-    home = screen([at_home(name) for name in references]).astype(float)
-    noisy = home + rng.normal(0, 8, home.shape)
-    noisy[:, :, 0] += 12  # a colour a little off
-    # Anti-aliasing an eighth of a pixel off: each pixel takes an eighth of its right neighbour.
-    smoothed = home.copy()
-    smoothed[:, :-1] = (7 * home[:, :-1] + home[:, 1:]) / 8
-    for disturbance, rows in (("noise and a colour off", noisy), ("anti-aliasing", smoothed)):
-        rows = numpy.clip(rows, 0, 255).astype(numpy.uint8)
-        for name, reference in references.items():
-            where = found(needles, rows, name)
-            check(where == reference.tap, f"{name} under {disturbance}: tap at {where}, not {reference.tap}")
+    for first in {references[name].shot: name for name in references}.values():
+        names = same_screen(first)
+        home = screen([at_home(name) for name in names]).astype(float)
+        noisy = home + rng.normal(0, 8, home.shape)
+        noisy[:, :, 0] += 12  # a colour a little off
+        # Anti-aliasing an eighth of a pixel off: each pixel takes an eighth of its right neighbour.
+        smoothed = home.copy()
+        smoothed[:, :-1] = (7 * home[:, :-1] + home[:, 1:]) / 8
+        for disturbance, rows in (("noise and a colour off", noisy), ("anti-aliasing", smoothed)):
+            rows = numpy.clip(rows, 0, 255).astype(numpy.uint8)
+            for name in names:
+                where = found(needles, rows, name)
+                check(where == references[name].tap,
+                      f"{name} under {disturbance}: tap at {where}, not {references[name].tap}")
     # A blinking cursor, on and off: a dark column the height of a line of text in the field.
-    rows = screen([at_home(name) for name in references])
+    rows = screen([at_home(name) for name in same_screen("sftp-field")])
     x, y = references["sftp-field"].tap
     rows[y - 8:y + 8, x] = 0
     where = found(needles, rows, "sftp-field")
