@@ -38,6 +38,21 @@ module_check_options() {
         die "--module-fault needs a V2 module scenario, not '$TOVSIM_MODULE'"
 }
 
+# /run/tovsim/module faulty|as-started: the module's probes pulled off (every sensor reports its
+# fault marker) or plugged back, while the unit runs.
+write_module_control() {
+    cat >/run/tovsim/module <<'EOF'
+#!/bin/sh
+case ${1-} in
+    faulty) signal=USR1 ;;
+    as-started) signal=USR2 ;;
+    *) echo "usage: /run/tovsim/module faulty|as-started" >&2; exit 2 ;;
+esac
+exec pkill -"$signal" -x module_emulator
+EOF
+    chmod +x /run/tovsim/module
+}
+
 # Inside the unit, after pivot_root: the control node and its library, then the emulator and the
 # serial port. Sets MODULE_PRELOAD, the library for COMMAND (empty when it was not built).
 setup_module() {
@@ -72,6 +87,7 @@ setup_module() {
     [[ -s $ready ]] || die "module emulator did not start"
     touch /dev/ttySAC1
     mount --bind "$(cat "$ready")" /dev/ttySAC1
+    write_module_control
     printf 'module=%s\n' "$TOVSIM_MODULE" >>/run/tovsim/unit
     [[ -z $TOVSIM_MODULE_FAULT ]] || printf 'module-fault=%s\n' "$TOVSIM_MODULE_FAULT" >>/run/tovsim/unit
 }

@@ -12,7 +12,12 @@
 // pressure, inlet, outlet or outside, the module's values 0 to 4. --ready receives the pty slave's path once the port is ready; --log
 // gets one line per request heard ("request HEX", "garbled HEX" when the line speed is not the
 // module's, "unknown HEX" for bytes that make no request) and per answer ("answer HEX").
+//
+// While it runs, SIGUSR1 makes every sensor of a V2 module report its fault marker (a probe pulled
+// off the module), SIGUSR2 brings back the values it started with; each logs "sensors faulty" or
+// "sensors as started".
 #include <fcntl.h>
+#include <signal.h>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
@@ -99,6 +104,7 @@ struct Module {
     uint8_t configured = 1;
     Bytes config;
     float datas[7] = {};
+    float started[7] = {}; // datas as the options set them, for SIGUSR2
     std::string v1Fields[5] = {"00500", "07410", "06500", "08000", "12000"};
     Bytes garbled; // heard at a speed not the module's, since the last silence
     Bytes unknown; // heard at the right speed but not a request
@@ -126,6 +132,15 @@ std::string hex(const Bytes& bytes)
         text += part;
     }
     return text;
+}
+
+// The sensors' state asked for by the last signal, applied between two requests.
+enum SensorRequest { kSensorsUnchanged, kSensorsFaulty, kSensorsAsStarted };
+volatile sig_atomic_t sensorRequest = kSensorsUnchanged;
+
+void onSensorSignal(int signo)
+{
+    sensorRequest = signo == SIGUSR1 ? kSensorsFaulty : kSensorsAsStarted;
 }
 
 void logLine(Module& m, const char* what, const Bytes& bytes)
@@ -452,6 +467,7 @@ bool setup(Module& m)
         }
         m.datas[sensor] = kSensors[sensor].marker;
     }
+    memcpy(m.started, m.datas, sizeof m.datas);
 
     m.master = posix_openpt(O_RDWR | O_NOCTTY);
     if (m.master < 0 || grantpt(m.master) != 0 || unlockpt(m.master) != 0) {
@@ -488,15 +504,55 @@ bool setup(Module& m)
     return true;
 }
 
-void run(Module& m)
+void applySensorRequest(Module& m)
+{
+    const sig_atomic_t request = sensorRequest;
+    if (request == kSensorsUnchanged)
+        return;
+    sensorRequest = kSensorsUnchanged;
+    memcpy(m.datas, m.started, sizeof m.datas);
+    for (int i = 0; request == kSensorsFaulty && i < kSensorCount; ++i)
+        m.datas[i] = kSensors[i].marker;
+    if (m.log != nullptr) {
+        fprintf(m.log, "%s\n", request == kSensorsFaulty ? "sensors faulty" : "sensors as started");
+        fflush(m.log);
+    }
+}
+
+// Takes SIGUSR1 and SIGUSR2 from now on (before the port is announced, so that a signal sent as
+// soon as the port is ready does not end the module), and returns the mask to wait for the line
+// with: the signals are let in only then, so that a request heard after a signal is answered with
+// the sensors it asked for, and no read or write of the wire is cut short.
+sigset_t takeSensorSignals()
+{
+    struct sigaction action = {};
+    action.sa_handler = onSensorSignal;
+    sigaction(SIGUSR1, &action, nullptr);
+    sigaction(SIGUSR2, &action, nullptr);
+    sigset_t blocked, waiting;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    sigaddset(&blocked, SIGUSR2);
+    sigprocmask(SIG_BLOCK, &blocked, &waiting);
+    sigdelset(&waiting, SIGUSR1);
+    sigdelset(&waiting, SIGUSR2);
+    return waiting;
+}
+
+void run(Module& m, const sigset_t& waiting)
 {
     Bytes buf;
     bool pending = false;
     for (;;) {
+        applySensorRequest(m);
         struct pollfd pfd = {m.master, POLLIN, 0};
-        const int ready = poll(&pfd, 1, pending ? 20 : -1);
-        if (ready < 0 && errno != EINTR)
+        const struct timespec silence = {0, 20 * 1000 * 1000};
+        const int ready = ppoll(&pfd, 1, pending ? &silence : nullptr, &waiting);
+        if (ready < 0) {
+            if (errno == EINTR)
+                continue; // a signal, not the line's silence
             return;
+        }
         if (ready > 0) {
             uint8_t chunk[256];
             const ssize_t n = read(m.master, chunk, sizeof chunk);
@@ -565,8 +621,9 @@ int main(int argc, char** argv)
         }
         ++i;
     }
+    const sigset_t waiting = takeSensorSignals();
     if (!setup(m))
         return 1;
-    run(m);
+    run(m, waiting);
     return 0;
 }

@@ -156,5 +156,31 @@ case_watchtower_port() {
     done
 }
 
+# The module's probes pulled off and plugged back while the unit runs: the weight a data request
+# (command 13) gets back, as the wire carries it (the first float of the answer's payload).
+case_module_sensors() {
+    local out
+    # shellcheck disable=SC2016 # expanded in the unit
+    out=$("$TOVSIM" exec --module v2 -- bash -c '
+        exec 3<>/dev/ttySAC1
+        stty 9600 raw -echo <&3
+        weight() {
+            printf "\x01\x00\x00\x0d\x00\x00\x00" >&3
+            timeout 5 head -c 34 <&3 | od -An -tx1 -j6 -N4 | tr -d " \n"
+            echo
+        }
+        weight
+        /run/tovsim/module faulty && weight
+        /run/tovsim/module as-started && weight
+        /run/tovsim/module pulled 2>/dev/null || echo "refused $?"
+        grep "^sensors" /run/tovsim/module.log' 2>&1)
+    check "as started, faulty (-999.0), as started again; a wrong word refused" "0000fb42
+00c079c4
+0000fb42
+refused 2
+sensors faulty
+sensors as started" "$out"
+}
+
 "case_$1"
 [[ $failures -eq 0 ]]
