@@ -14,6 +14,7 @@ bootN-reboot.png (the screen just before it), and a line in boots.log in the
 format of sim/unit/tovboot, so that tests/e2e/expected applies to the board as it does to the host.
 """
 import os
+import subprocess
 import time
 
 from console import ConsoleError, ConsoleTimeout
@@ -241,12 +242,16 @@ class Cycle:
                 if boot > 1:
                     return True
                 self.needles.tap("apply", form)
+            elif scenario == "faulty-module-phase2":
+                self.needles.tap("apply", form)
             elif scenario == "usb-restore":
                 box = self.needles.tap("restore-box", form)
                 self.wait_change(form, box.box)
                 self.needles.tap("apply")
         elif scenario == "reset-phase2" and phase == "1":
             self.reset_bench(boot)
+        elif scenario == "faulty-module-phase2" and phase == "1" and boot == 2:
+            self.reboot_after_errors(boot)
         elif scenario == "usb-restore" and phase == "2":
             self.restore_from_stick(boot)
             return True
@@ -267,6 +272,16 @@ class Cycle:
         restored, _ = self.needles.wait("usb-restored", 60)
         self.keep(restored, f"boot{boot}-usb-restored")
 
+    def reboot_after_errors(self, boot):
+        """The module's probes pulled off for the second phase's run, which then ends with errors;
+        plugged back, and the board rebooted by the error button: the same phase runs again."""
+        subprocess.run(["/run/tovsim/module", "faulty"], check=True)
+        self.wait_run(boot, 1)
+        page, _ = self.needles.wait("error-reboot", 60)
+        self.keep(page, f"boot{boot}-errors")
+        subprocess.run(["/run/tovsim/module", "as-started"], check=True)
+        self.needles.tap("error-reboot", page)
+
     def reset_bench(self, boot):
         self.wait_line(boot, "Test GPIO des sorties RELAIS et entrées TOR pour 40 secondes", 300)
         self.needles.tap("reset")
@@ -278,13 +293,18 @@ class Cycle:
     def run(self, boot, form, phase_seconds=600):
         """Plays the scenario from the first boot (already on its form) to the hand-over, to where
         the operator stops, or to the end of the phases asked for."""
-        reboots = 0
+        # A phase is played once the phase file has moved on: a reboot after errors runs the same
+        # phase again.
+        played, previous = 0, None
         while True:
             phase, program = self.boot_line(boot)
             if program != "tov_test":
                 self.log(f"outcome: handed over to '{program}'")
                 return self.check_end(boot)
-            if reboots == self.phases:
+            if previous is not None and phase != previous:
+                played += 1
+            previous = phase
+            if played == self.phases:
                 self.log("outcome: stopped after the phases asked for", expected=False)
                 return
             if phase == "none" and form is None:
@@ -295,7 +315,6 @@ class Cycle:
                 self.expected.check_end(boot, self.bench_output(boot))
                 return self.check_end(boot)
             self.wait_reboot(boot, phase_seconds)
-            reboots += 1
             boot = self.board.wait_boot()
             self.keep_previous_log(boot - 1)
             form = None

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every scenario on the emulated board: the six of the host (good, no-network, faulty-module,
-# server-down, reset-phase2, usb-restore) played whole with the armhf bundle and their first phase
+# Every scenario on the emulated board: the seven of the host (good, no-network, faulty-module,
+# server-down, reset-phase2, faulty-module-phase2, usb-restore) played whole with the armhf bundle and their first phase
 # with the armel one, two runs at a time (the board has one processor: a core each), each held to
 # the host's expected lines (tests/arm/board_cycle.sh). Prints each run's verdict and time.
 #
@@ -10,7 +10,7 @@
 set -uo pipefail
 OUT=$1
 TOP=$(readlink -f "$(dirname "$0")/../..")
-SCENARIOS=(good no-network faulty-module server-down reset-phase2 usb-restore)
+SCENARIOS=(good no-network faulty-module server-down reset-phase2 faulty-module-phase2 usb-restore)
 mkdir -p "$OUT"
 runs=()
 for scenario in "${SCENARIOS[@]}"; do
