@@ -18,6 +18,7 @@
 // "sensors as started".
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/signalfd.h>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
@@ -132,15 +133,6 @@ std::string hex(const Bytes& bytes)
         text += part;
     }
     return text;
-}
-
-// The sensors' state asked for by the last signal, applied between two requests.
-enum SensorRequest { kSensorsUnchanged, kSensorsFaulty, kSensorsAsStarted };
-volatile sig_atomic_t sensorRequest = kSensorsUnchanged;
-
-void onSensorSignal(int signo)
-{
-    sensorRequest = signo == SIGUSR1 ? kSensorsFaulty : kSensorsAsStarted;
 }
 
 void logLine(Module& m, const char* what, const Bytes& bytes)
@@ -504,56 +496,50 @@ bool setup(Module& m)
     return true;
 }
 
-void applySensorRequest(Module& m)
+// Takes SIGUSR1 and SIGUSR2 from now on, through a descriptor read beside the line's: blocked
+// before the port is announced, a signal sent as soon as the port is ready does not end the module,
+// and one sent before a request is taken before that request is answered.
+int takeSensorSignals()
 {
-    const sig_atomic_t request = sensorRequest;
-    if (request == kSensorsUnchanged)
-        return;
-    sensorRequest = kSensorsUnchanged;
-    memcpy(m.datas, m.started, sizeof m.datas);
-    for (int i = 0; request == kSensorsFaulty && i < kSensorCount; ++i)
-        m.datas[i] = kSensors[i].marker;
-    if (m.log != nullptr) {
-        fprintf(m.log, "%s\n", request == kSensorsFaulty ? "sensors faulty" : "sensors as started");
-        fflush(m.log);
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGUSR1);
+    sigaddset(&signals, SIGUSR2);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    return signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
+// Two signals that wait together are read in their numbers' order: SIGUSR1 first.
+void applySensorSignals(Module& m, int signals)
+{
+    struct signalfd_siginfo info;
+    while (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        const bool faulty = info.ssi_signo == SIGUSR1;
+        memcpy(m.datas, m.started, sizeof m.datas);
+        for (int i = 0; faulty && i < kSensorCount; ++i)
+            m.datas[i] = kSensors[i].marker;
+        if (m.log != nullptr) {
+            fprintf(m.log, "%s\n", faulty ? "sensors faulty" : "sensors as started");
+            fflush(m.log);
+        }
     }
 }
 
-// Takes SIGUSR1 and SIGUSR2 from now on (before the port is announced, so that a signal sent as
-// soon as the port is ready does not end the module), and returns the mask to wait for the line
-// with: the signals are let in only then, so that a request heard after a signal is answered with
-// the sensors it asked for, and no read or write of the wire is cut short.
-sigset_t takeSensorSignals()
-{
-    struct sigaction action = {};
-    action.sa_handler = onSensorSignal;
-    sigaction(SIGUSR1, &action, nullptr);
-    sigaction(SIGUSR2, &action, nullptr);
-    sigset_t blocked, waiting;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGUSR1);
-    sigaddset(&blocked, SIGUSR2);
-    sigprocmask(SIG_BLOCK, &blocked, &waiting);
-    sigdelset(&waiting, SIGUSR1);
-    sigdelset(&waiting, SIGUSR2);
-    return waiting;
-}
-
-void run(Module& m, const sigset_t& waiting)
+void run(Module& m, int signals)
 {
     Bytes buf;
     bool pending = false;
     for (;;) {
-        applySensorRequest(m);
-        struct pollfd pfd = {m.master, POLLIN, 0};
-        const struct timespec silence = {0, 20 * 1000 * 1000};
-        const int ready = ppoll(&pfd, 1, pending ? &silence : nullptr, &waiting);
+        struct pollfd fds[2] = {{m.master, POLLIN, 0}, {signals, POLLIN, 0}};
+        const int ready = poll(fds, signals >= 0 ? 2 : 1, pending ? 20 : -1);
         if (ready < 0) {
             if (errno == EINTR)
-                continue; // a signal, not the line's silence
+                continue;
             return;
         }
-        if (ready > 0) {
+        if (fds[1].revents & POLLIN)
+            applySensorSignals(m, signals);
+        if (fds[0].revents != 0) {
             uint8_t chunk[256];
             const ssize_t n = read(m.master, chunk, sizeof chunk);
             if (n <= 0) {
@@ -575,6 +561,8 @@ void run(Module& m, const sigset_t& waiting)
                 consumeV2(m, buf);
             continue;
         }
+        if (ready > 0)
+            continue; // a signal only: the line's silence goes on
         // 20 ms of silence ends whatever was heard.
         pending = false;
         if (!m.garbled.empty())
@@ -621,9 +609,9 @@ int main(int argc, char** argv)
         }
         ++i;
     }
-    const sigset_t waiting = takeSensorSignals();
+    const int signals = takeSensorSignals();
     if (!setup(m))
         return 1;
-    run(m, waiting);
+    run(m, signals);
     return 0;
 }
