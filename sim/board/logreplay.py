@@ -292,12 +292,13 @@ class Replay:
             image.flush()
 
 
-def write_states(log, start, work, wanted):
+def write_states(log, start, work, wanted, subsets=0, seed=0):
     """Writes each state WANTED names ({name: path}) to its path, in one pass of the log with
-    WORK as the working copy; returns the names the log has no state of."""
+    WORK as the working copy (SUBSETS and SEED: the drawn states' as when they were named);
+    returns the names the log has no state of."""
     left = dict(wanted)
     if left:
-        for state in Replay(log, start, work).states():
+        for state in Replay(log, start, work, subsets, seed).states():
             if state.name in left:
                 subprocess.run(["cp", "--sparse=always", work, left.pop(state.name)], check=True)
                 if not left:

@@ -287,8 +287,8 @@ class FlushJudge:
         self.judged = 0
         self.counts = {}  # stretch -> states judged in it
         self.failures = []
-        # (name, stretch, files, file system) of each state read that keeps every write logged
-        # before it, in the log's order: what the boots' sample is chosen from.
+        # (name, stretch, files, file system, whether it kept every write logged before it) of each
+        # state read, in the log's order: what the boots' sample is chosen from.
         self.path = []
 
     def stretch_at(self, offset):
@@ -305,8 +305,7 @@ class FlushJudge:
         self.judged += 1
         self.counts[stretch] = self.counts.get(stretch, 0) + 1
         self.last[stretch] = (name, files)
-        if whole:
-            self.path.append((name, stretch, files, fs))
+        self.path.append((name, stretch, files, fs, whole))
         problems = judge_files(files, fs, stretch, self.starts.get(stretch), self.ends.get(stretch))
         for problem in problems:
             self.failures.append(f"{name} ({STRETCHES[stretch]}): {problem}")
@@ -390,17 +389,22 @@ def change(before, after):
 
 def samples(path):
     """The states to boot out of PATH (FlushJudge.path): around each change of the unit's files,
-    the last state before it and the first after it. Chosen by what they hold, so that the same
-    log gives the same sample on a slower or faster machine. Returns [(state, why)] in the log's
-    order, each state (name, stretch, files, file system)."""
+    the last state that keeps every write before it and the first after it, and the first of the
+    drawn states between them (the change's writes, some lost). Chosen by what they hold, so that
+    the same log gives the same sample on a slower or faster machine. Returns [(state, why)] in
+    the log's order, each state (name, stretch, files, file system, whole)."""
     chosen = {}
-    for before, after in zip(path, path[1:]):
+    whole = [i for i, state in enumerate(path) if state[4]]
+    for i, j in zip(whole, whole[1:]):
+        before, after = path[i], path[j]
         if key(before[2]) == key(after[2]):
             continue
         what = change(before[2], after[2])
-        chosen.setdefault(before[0], (before, []))[1].append(f"before {what}")
-        chosen.setdefault(after[0], (after, []))[1].append(f"after {what}")
-    return [(state, ", ".join(whys)) for state, whys in chosen.values()]
+        chosen.setdefault(i, []).append(f"before {what}")
+        if j > i + 1:
+            chosen.setdefault(i + 1, []).append(f"during {what}")
+        chosen.setdefault(j, []).append(f"after {what}")
+    return [(path[i], ", ".join(chosen[i])) for i in sorted(chosen)]
 
 
 # --- the board and its files ------------------------------------------------------------------
@@ -817,22 +821,22 @@ class Harness:
         them that comes back in a test phase plays on to the hand-over, which must leave END
         (what the uncut cycle left). Returns how many states were booted."""
         chosen = samples(judge.path)
-        to_end = [i for i, ((_, _, files, _), _) in enumerate(chosen) if stretch_of(files) in (1, 2)]
+        to_end = [i for i, ((_, _, files, _, whole), _) in enumerate(chosen) if whole and stretch_of(files) in (1, 2)]
         if not to_end:
             self.fail("no sampled state comes back in a test phase, to play on to the hand-over from")
         print(f"powercut: {len(chosen)} states to boot, chosen around each change of the files: "
               + ", ".join(state[0] for state, _ in chosen), flush=True)
         images = {}
         for state, _ in chosen:
-            folder = os.path.join(self.out, "boot-" + state[0].replace(" ", "-"))
+            folder = os.path.join(self.out, "boot-" + state[0].replace(" ", "-").replace("/", "of"))
             os.makedirs(folder, exist_ok=True)
             images[state[0]] = os.path.join(folder, "nand.img")
         missing = write_states(log, os.path.join(self.out, FIRST_IMAGE), os.path.join(self.scratch, "sample.img"),
-                               images)
+                               images, self.args.subsets, self.args.seed)
         for name in missing:
             self.fail(f"the replay gave no image of {name}")
         booted = 0
-        for number, ((name, stretch, files, fs), why) in enumerate(chosen):
+        for number, ((name, stretch, files, fs, _), why) in enumerate(chosen):
             if name in missing:
                 continue
             image = images[name]
