@@ -15,7 +15,14 @@ With --every-flush no power is pulled: one uncut cycle runs with the NAND behind
 (logreplay.py): the NAND at every flush, and after each flush at most K states drawn with the seed
 that lose a part of the writes the NAND had not yet been told to keep. Each state is read as after
 a cut (nand.py) and judged as a cut in the stretch its last write fell in, below, without the
-boot; the last state of each stretch must be the files the board read at that stretch's end.
+boot; the last state of each stretch must be the files the board read at that stretch's end. Then
+a sample of the states (samples(): around each change of the three files, by what they hold) is
+booted from images of its own and judged with its boot, as a cut is; the last of them that comes
+back in a test phase plays on to the hand-over. The run's folder keeps the log, the image it began
+on and judgement.json, what the judgement needs besides: with --rejudge DIR the log is judged
+again, other drawn states with it, and nothing booted.
+
+    powercut.py --rejudge DIR [--subsets K] --seed S
 
 The cycle's boots, the stretches of time the instants are drawn over:
   stretch 0  first boot: the network form (the interfaces file), test phase 1, the phase file

@@ -6,7 +6,7 @@
 # before and just after each change of the starter, the phase file and the interfaces file booted
 # on the board, each of them coming back where the cycle was, and one played on to the hand-over.
 # The states are chosen by the files they hold, not by time: a slower or busier machine boots the
-# same ones. About N minutes.
+# same ones. About nine minutes.
 #
 #   tests/arm/board_powercut.sh OUT
 #
