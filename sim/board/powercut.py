@@ -603,6 +603,10 @@ class Harness:
                 came_back, form = observe(board, cycle, files, folder, boot)
                 if first_boot and self.last_cut is not None:
                     self.last_cut.seen, self.last_cut.came_back = files, came_back
+                    if stretch_of(files) != stretch:
+                        # Played on, the cycle would wait for what this boot never does.
+                        raise ConsoleError(f"the board came back with {show(files)}, in another stretch than "
+                                           f"the image's {show(start_files)}")
                 elif not first_boot:
                     # After an orderly reboot: the stretch's end, uncut.
                     self.end.setdefault(stretch - 1, files)
