@@ -292,6 +292,20 @@ class Replay:
             image.flush()
 
 
+def write_states(log, start, work, wanted, subsets=0, seed=0):
+    """Writes each state WANTED names ({name: path}) to its path, in one pass of the log with
+    WORK as the working copy (SUBSETS and SEED: the drawn states' as when they were named);
+    returns the names the log has no state of."""
+    left = dict(wanted)
+    if left:
+        for state in Replay(log, start, work, subsets, seed).states():
+            if state.name in left:
+                subprocess.run(["cp", "--sparse=always", work, left.pop(state.name)], check=True)
+                if not left:
+                    break
+    return sorted(left)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     sub = parser.add_subparsers(dest="command", required=True)
@@ -319,10 +333,11 @@ def main():
             return 0
         if args.command == "image":
             want = "end" if args.end else f"flush {args.flush}"
-            for state in Replay(log, args.start, args.out).states():
-                if state.name == want:
-                    return 0
-            os.remove(args.out)
+            work = args.out + ".work"
+            missing = write_states(log, args.start, work, {want: args.out})
+            os.remove(work)
+            if not missing:
+                return 0
             print(f"logreplay: the log has no state '{want}' ({log.barriers()} flushes)", file=sys.stderr)
             return 1
         started, count, failed = time.monotonic(), 0, 0

@@ -15,7 +15,14 @@ With --every-flush no power is pulled: one uncut cycle runs with the NAND behind
 (logreplay.py): the NAND at every flush, and after each flush at most K states drawn with the seed
 that lose a part of the writes the NAND had not yet been told to keep. Each state is read as after
 a cut (nand.py) and judged as a cut in the stretch its last write fell in, below, without the
-boot; the last state of each stretch must be the files the board read at that stretch's end.
+boot; the last state of each stretch must be the files the board read at that stretch's end. Then
+a sample of the states (samples(): around each change of the three files, by what they hold) is
+booted from images of its own and judged with its boot, as a cut is; the last of them that comes
+back in a test phase plays on to the hand-over. The run's folder keeps the log, the image it began
+on and judgement.json, what the judgement needs besides: with --rejudge DIR the log is judged
+again, other drawn states with it, and nothing booted.
+
+    powercut.py --rejudge DIR [--subsets K] --seed S
 
 The cycle's boots, the stretches of time the instants are drawn over:
   stretch 0  first boot: the network form (the interfaces file), test phase 1, the phase file
@@ -48,20 +55,24 @@ START or END was never seen cannot be compared, and fails:
 In the end the cycle must reach the hand-over: the starter names the production application and
 starts it, the phase file is gone.
 """
+import argparse
 import base64
+import json
 import os
 import random
+import shutil
 import subprocess
 import sys
 import tempfile
 import threading
 import time
+import types
 
 from console import ConsoleError, ConsoleTimeout
 from cycle import Cycle
 from expect import PANEL
 from deadline import Deadline
-from logreplay import Log, LogError, Replay
+from logreplay import Log, LogError, Replay, write_states
 from machine import Machine, StartError, board_arguments
 from nand import NandError, read_after_cut
 from run import TAPS, setup_network
@@ -283,6 +294,9 @@ class FlushJudge:
         self.judged = 0
         self.counts = {}  # stretch -> states judged in it
         self.failures = []
+        # (name, stretch, files, file system, whether it kept every write logged before it) of each
+        # state read, in the log's order: what the boots' sample is chosen from.
+        self.path = []
 
     def stretch_at(self, offset):
         stretch = 0
@@ -290,13 +304,15 @@ class FlushJudge:
             stretch += 1
         return stretch
 
-    def judge(self, name, offset, files, fs):
-        """Judges the state NAME, whose last entry ends at byte OFFSET of the log. (The replay
-        gives the states that lose writes before the flush that keeps them all.)"""
+    def judge(self, name, offset, files, fs, whole=True):
+        """Judges the state NAME, whose last entry ends at byte OFFSET of the log; WHOLE: it has
+        lost none of the writes before it. (The replay gives the states that lose writes before
+        the flush that keeps them all.)"""
         stretch = self.stretch_at(offset)
         self.judged += 1
         self.counts[stretch] = self.counts.get(stretch, 0) + 1
         self.last[stretch] = (name, files)
+        self.path.append((name, stretch, files, fs, whole))
         problems = judge_files(files, fs, stretch, self.starts.get(stretch), self.ends.get(stretch))
         for problem in problems:
             self.failures.append(f"{name} ({STRETCHES[stretch]}): {problem}")
@@ -345,7 +361,7 @@ def judge_log(log, first, scratch, judge, subsets, seed, keep=None):
         if previous is None:
             problems = judge.unreadable(state.name, state.offset, why)
         else:
-            problems = judge.judge(state.name, state.offset, *previous)
+            problems = judge.judge(state.name, state.offset, *previous, whole=not state.lost)
         if problems and keep and kept < 3:
             # For a look with debugfs.
             kept += 1
@@ -358,6 +374,44 @@ def judge_log(log, first, scratch, judge, subsets, seed, keep=None):
         if judge.judged % 200 == 0:
             print(f"powercut:   {judge.judged} states judged, {time.monotonic() - started:.0f} s", flush=True)
     return read
+
+
+def change(before, after):
+    """What the cycle changed from the files BEFORE to AFTER, in words."""
+    words = []
+    for path in FILES:
+        old, new = before.get(path), after.get(path)
+        if key({path: old}) == key({path: new}):
+            continue
+        if path == PHASE:
+            words.append("the phase file's deletion" if new is None else
+                         f"the phase file's write (phase {phase_of(after)})")
+        elif path == STARTER:
+            words.append(f"the starter's rewrite (it names {program_of(after)})" if new is not None else
+                         "the starter's deletion")
+        else:
+            words.append("the interfaces file's write" if new is not None else "the interfaces file's deletion")
+    return " and ".join(words)
+
+
+def samples(path):
+    """The states to boot out of PATH (FlushJudge.path): around each change of the unit's files,
+    the last state that keeps every write before it and the first after it, and the first of the
+    drawn states between them (the change's writes, some lost). Chosen by what they hold, so that
+    the same log gives the same sample on a slower or faster machine. Returns [(state, why)] in
+    the log's order, each state (name, stretch, files, file system, whole)."""
+    chosen = {}
+    whole = [i for i, state in enumerate(path) if state[4]]
+    for i, j in zip(whole, whole[1:]):
+        before, after = path[i], path[j]
+        if key(before[2]) == key(after[2]):
+            continue
+        what = change(before[2], after[2])
+        chosen.setdefault(i, []).append(f"before {what}")
+        if j > i + 1:
+            chosen.setdefault(i + 1, []).append(f"during {what}")
+        chosen.setdefault(j, []).append(f"after {what}")
+    return [(path[i], ", ".join(chosen[i])) for i in sorted(chosen)]
 
 
 # --- the board and its files ------------------------------------------------------------------
@@ -521,12 +575,13 @@ class Harness:
                 self.polled[stretch] = files
         board.wait_reboot(seconds, meanwhile=look)
 
-    def play(self, folder, stretch, start_files, cut):
-        """One life of the board, from QEMU's start to a cut or the hand-over. Returns True at
-        the hand-over with no cut left, False after a cut."""
+    def play(self, folder, stretch, start_files, cut, disk=None, first_only=False):
+        """One life of the board, from QEMU's start to a cut or the hand-over, on DISK (default
+        the run's NAND image). Returns True at the hand-over with no cut left, False after a cut.
+        FIRST_ONLY: ends once the first boot has shown what it started, returning True."""
         os.makedirs(folder, exist_ok=True)
-        board = Machine(self.args.kernel, self.args.initrd, self.args.disk, folder, "/dev/ttySAC1", TAPS,
-                        log=self.log)
+        board = Machine(self.args.kernel, self.args.initrd, disk or self.args.disk, folder, "/dev/ttySAC1",
+                        TAPS, log=self.log)
         cycle = Cycle(board, folder)
         cutter = Cutter(board)
         first_boot = True
@@ -548,6 +603,10 @@ class Harness:
                 came_back, form = observe(board, cycle, files, folder, boot)
                 if first_boot and self.last_cut is not None:
                     self.last_cut.seen, self.last_cut.came_back = files, came_back
+                    if stretch_of(files) != stretch:
+                        # Played on, the cycle would wait for what this boot never does.
+                        raise ConsoleError(f"the board came back with {show(files)}, in another stretch than "
+                                           f"the image's {show(start_files)}")
                 elif not first_boot:
                     # After an orderly reboot: the stretch's end, uncut.
                     self.end.setdefault(stretch - 1, files)
@@ -558,6 +617,8 @@ class Harness:
                 start_files = files
                 print(f"powercut:   boot {boot} in {STRETCHES[stretch]}: {show(files)}; {came_back}",
                       flush=True)
+                if first_only:
+                    return True
                 if stretch == 3:
                     self.final = (files, came_back)
                     if cutter.armed():
@@ -710,17 +771,19 @@ class Harness:
 
     def every_flush(self):
         """One uncut cycle with the NAND's writes logged, then every state the log gives (each
-        flush, and drawn losses of the writes between flushes) read as after a cut and judged."""
+        flush, and drawn losses of the writes between flushes) read as after a cut and judged,
+        then a sample of them booted."""
         args = self.args
         print(f"powercut: one cycle with the NAND's write log, then every flush replayed "
-              f"({args.subsets} drawn states at most after each, seed {args.seed})", flush=True)
+              f"({args.subsets} drawn states at most after each, seed {args.seed}), then a sample booted",
+              flush=True)
         start = self.fresh_start()
         if start is None:
             return 1
         # The log replays onto the image as it was when the log began.
-        first = os.path.join(self.out, "nand-start.img")
+        first = os.path.join(self.out, FIRST_IMAGE)
         subprocess.run(["cp", "--sparse=always", args.disk, first], check=True)
-        self.log = os.path.join(self.out, "nand.log")
+        self.log = os.path.join(self.out, LOG_FILE)
         open(self.log, "wb").close()
         started = time.monotonic()
         folder = os.path.join(self.out, "life01")
@@ -729,6 +792,8 @@ class Harness:
         except Exception as error:
             self.fail(f"{error} (logs in {folder})")
             return 1
+        # The boots of the sample write to their own images, unlogged.
+        self.log = None
         cycle = time.monotonic() - started
         files, came_back = self.final
         print(f"powercut: the cycle finished in {cycle / 60:.1f} min: {show(files)}; {came_back}", flush=True)
@@ -743,40 +808,174 @@ class Harness:
             self.fail(f"after the hand-over the board read {show(files)}, not the known end {show(ends[2])}")
         ends[3] = ends[2]
         starts = {0: start, 1: ends[0], 2: ends[1], 3: ends[2]}
+        keep_judgement(self.out, starts, ends, self.marks)
+        replayed = time.monotonic()
         try:
-            log = Log(self.log)
+            judge, log = judge_run(self.out, self.scratch, args.subsets, args.seed, keep=self.out)
         except LogError as error:
             self.fail(str(error))
             return 1
-        print(f"powercut: the log: {log.describe()}; stretches end at bytes "
-              + ", ".join(f"{self.marks[s]}" for s in sorted(self.marks)), flush=True)
-        if log.stop:
-            # QEMU ended in order: its log must be whole.
-            self.fail(f"the log of a cycle QEMU ended in order stops early: {log.stop}")
-        judge = FlushJudge(starts, ends, self.marks)
-        replayed = time.monotonic()
-        read = 0
-        try:
-            read = judge_log(log, first, self.scratch, judge, args.subsets, args.seed, keep=self.out)
-        except LogError as error:
-            self.fail(str(error))
-        during = len(judge.failures)
-        failures = judge.finish()
-        for failure in failures[during:]:
-            print(f"powercut: FAIL {failure}")
-        seconds = time.monotonic() - replayed
-        flushes = log.barriers()
-        print(f"powercut: {len(log.entries)} log entries, {flushes} flushes, {judge.judged} states judged "
-              f"({read} images read), {len(failures)} failures, replay and judgement {seconds / 60:.1f} min, "
-              f"cycle {cycle / 60:.1f} min")
-        print("powercut: states by stretch: "
-              + ", ".join(f"{STRETCHES[s]} {n}" for s, n in sorted(judge.counts.items())))
-        good = not failures and not self.failures
+        judged = time.monotonic() - replayed
+        booted = time.monotonic()
+        boots = self.boot_sample(judge, log, ends[2])
+        failures = len(judge.failures) + len(self.failures)
+        print(f"powercut: {log.barriers()} flushes in the cycle, {judge.judged} states judged, {boots} booted, "
+              f"{failures} failures; cycle {cycle / 60:.1f} min, replay and judgement {judged / 60:.1f} min, "
+              f"boots {(time.monotonic() - booted) / 60:.1f} min, in all {(time.monotonic() - started) / 60:.1f} min")
+        good = not failures
         print(f"powercut: {'PASS' if good else 'FAIL'}: every flush of one cycle (seed {args.seed})")
         return 0 if good else 1
 
+    def boot_sample(self, judge, log, end):
+        """Boots each state of the sample (samples()) from an image of its own: the board must
+        see the files read here and come back where the cycle was at that state. The last of
+        them that comes back in a test phase plays on to the hand-over, which must leave END
+        (what the uncut cycle left). Returns how many states were booted."""
+        chosen = samples(judge.path)
+        to_end = [i for i, ((_, _, files, _, whole), _) in enumerate(chosen) if whole and stretch_of(files) in (1, 2)]
+        if not to_end:
+            self.fail("no sampled state comes back in a test phase, to play on to the hand-over from")
+        print(f"powercut: {len(chosen)} states to boot, chosen around each change of the files: "
+              + ", ".join(state[0] for state, _ in chosen), flush=True)
+        images = {}
+        for state, _ in chosen:
+            folder = os.path.join(self.out, "boot-" + state[0].replace(" ", "-").replace("/", "of"))
+            os.makedirs(folder, exist_ok=True)
+            images[state[0]] = os.path.join(folder, "nand.img")
+        missing = write_states(log, os.path.join(self.out, FIRST_IMAGE), os.path.join(self.scratch, "sample.img"),
+                               images, self.args.subsets, self.args.seed)
+        for name in missing:
+            self.fail(f"the replay gave no image of {name}")
+        booted = 0
+        for number, ((name, stretch, files, fs, _), why) in enumerate(chosen):
+            if name in missing:
+                continue
+            image = images[name]
+            folder = os.path.dirname(image)
+            if stretch_of(files) is None:
+                self.fail(f"{name}: the unit cannot boot into the cycle from {show(files)}")
+                continue
+            whole = bool(to_end) and number == to_end[-1]
+            print(f"powercut: booting {name} ({STRETCHES[stretch]}, {why}): {show(files)}"
+                  + (", then on to the hand-over" if whole else ""), flush=True)
+            self.final = None
+            self.last_cut = seen = types.SimpleNamespace(seen=None, came_back=None)
+            booted += 1
+            try:
+                self.play(folder, stretch_of(files), files, None, disk=image, first_only=not whole)
+            except Exception as error:
+                self.fail(f"{name}: {error} (logs in {folder})")
+                continue
+            finally:
+                self.last_cut = None
+            problems = judge_files(files, fs, stretch, judge.starts.get(stretch), judge.ends.get(stretch),
+                                   seen.seen, seen.came_back)
+            if whole:
+                left, came_back = self.final
+                problems += [f"after the hand-over {f}" for f in hand_over_flaws(left)]
+                if came_back != "production":
+                    problems.append(f"after the hand-over the unit started '{came_back}'")
+                if end is not None and key(left) != key(end):
+                    problems.append(f"the hand-over left {show(left)}, not what the uncut cycle left {show(end)}")
+            for problem in problems:
+                self.fail(f"{name} booted: {problem} (logs in {folder})")
+            if not problems:
+                os.remove(image)
+            print(f"powercut: {name} came back: {seen.came_back}"
+                  + (f"; the hand-over: {show(self.final[0])}" if whole and self.final else "")
+                  + f": {'FAIL' if problems else 'ok'}", flush=True)
+        return booted
+
+
+# --- the judgement kept in an every-flush run's folder, to judge its log again ----------------
+
+LOG_FILE, FIRST_IMAGE = "nand.log", "nand-start.img"
+KEPT = "judgement.json"
+
+
+def files_json(files):
+    if files is None:
+        return None
+    return {path: None if f is None else {"mode": f[1], "content": base64.b64encode(f[0]).decode()}
+            for path, f in files.items()}
+
+
+def json_files(data):
+    if data is None:
+        return None
+    return {path: None if f is None else (base64.b64decode(f["content"]), f["mode"]) for path, f in data.items()}
+
+
+def keep_judgement(out, starts, ends, marks):
+    """Keeps in OUT what the judgement of its log needs besides the log and the image it began
+    on: the files at each stretch's start and end, and where in the log each stretch ended."""
+    data = {"starts": {str(s): files_json(f) for s, f in starts.items()},
+            "ends": {str(s): files_json(f) for s, f in ends.items()},
+            "marks": {str(s): n for s, n in marks.items()}}
+    with open(os.path.join(out, KEPT + ".new"), "w") as f:
+        json.dump(data, f, indent=1)
+    os.replace(os.path.join(out, KEPT + ".new"), os.path.join(out, KEPT))
+
+
+def judge_run(out, scratch, subsets, seed, keep=None):
+    """Replays the log an every-flush run kept in OUT and judges its states (judge_log), with at
+    most SUBSETS drawn states after each flush, drawn with SEED. Returns (FlushJudge, Log), the
+    failures in the judge; raises LogError when the log cannot be replayed."""
+    try:
+        with open(os.path.join(out, KEPT)) as f:
+            data = json.load(f)
+    except (OSError, ValueError) as error:
+        raise LogError(f"no judgement kept in {out}: {error}") from None
+    starts, ends = ({int(s): json_files(f) for s, f in data[part].items()} for part in ("starts", "ends"))
+    marks = {int(s): n for s, n in data["marks"].items()}
+    log = Log(os.path.join(out, LOG_FILE))
+    print(f"powercut: the log: {log.describe()}; stretches end at bytes "
+          + ", ".join(f"{marks[s]}" for s in sorted(marks)), flush=True)
+    judge = FlushJudge(starts, ends, marks)
+    if log.stop:
+        # QEMU ended in order: its log must be whole.
+        judge.failures.append(f"the log of a cycle QEMU ended in order stops early: {log.stop}")
+        print(f"powercut: FAIL {judge.failures[-1]}", flush=True)
+    started = time.monotonic()
+    read = judge_log(log, os.path.join(out, FIRST_IMAGE), scratch, judge, subsets, seed, keep=keep)
+    during = len(judge.failures)
+    for failure in judge.finish()[during:]:
+        print(f"powercut: FAIL {failure}")
+    print(f"powercut: {len(log.entries)} log entries, {log.barriers()} flushes, {judge.judged} states judged "
+          f"({read} images read), {len(judge.failures)} failures, replay and judgement "
+          f"{(time.monotonic() - started) / 60:.1f} min")
+    print("powercut: states by stretch: "
+          + ", ".join(f"{STRETCHES[s]} {n}" for s, n in sorted(judge.counts.items())), flush=True)
+    return judge, log
+
+
+def rejudge(out, subsets, seed):
+    """Judges the log kept in the every-flush run's folder OUT again, with no board."""
+    print(f"powercut: the log kept in {out} judged again ({subsets} drawn states at most after each "
+          f"flush, seed {seed})", flush=True)
+    scratch = tempfile.mkdtemp(prefix="rejudge-", dir=out)
+    try:
+        judge, _ = judge_run(out, scratch, subsets, seed)
+    except LogError as error:
+        print(f"powercut: FAIL {error}")
+        return 1
+    finally:
+        shutil.rmtree(scratch)
+    print("powercut: a board run would boot " + ", ".join(
+        f"{state[0]} ({why})" for state, why in samples(judge.path)))
+    good = not judge.failures
+    print(f"powercut: {'PASS' if good else 'FAIL'}: the kept log judged again (seed {seed})")
+    return 0 if good else 1
+
 
 def main():
+    if "--rejudge" in sys.argv[1:]:
+        parser = argparse.ArgumentParser()
+        parser.add_argument("--rejudge", required=True)
+        parser.add_argument("--subsets", type=int, default=2)
+        parser.add_argument("--seed", type=int, required=True)
+        args = parser.parse_args()
+        return rejudge(args.rejudge, args.subsets, args.seed)
     parser = board_arguments()
     parser.add_argument("--cuts", type=int, default=20)
     parser.add_argument("--seed", type=int, required=True)

@@ -18,8 +18,8 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../
 import powercut  # noqa: E402
 from nand import image_path  # noqa: E402
 from log_replay import entry, log_of, runs  # noqa: E402
-from logreplay import FLUSH, Log  # noqa: E402
-from powercut import IFACES, PHASE, STARTER, FlushJudge, handed_over, judge_files, judge_log  # noqa: E402
+from logreplay import FLUSH  # noqa: E402
+from powercut import IFACES, PHASE, STARTER, FlushJudge, handed_over, judge_files  # noqa: E402
 
 BENCH_STARTER = (b"#!/bin/sh\nTOV_BIN_NAME=tov_test\n. /home/TOV/tov_env\n", 0o755)
 PROD_STARTER = (b"#!/bin/sh\nTOV_BIN_NAME=tovQT\n. /home/TOV/tov_env\n", 0o755)
@@ -101,6 +101,14 @@ CYCLE = [
 ]
 
 
+# The good cycle's states to boot, each with a word of why (a drawn state only between two that differ).
+SAMPLE = {"flush 1": "before the interfaces file's write", "flush 2": "before the phase file's write (phase 1)",
+          "flush 3": "after the phase file's write (phase 1)", "flush 4": "before the phase file's write (phase 2)",
+          "flush 5": "after the phase file's write (phase 2)", "flush 6": "before the starter's rewrite",
+          "flush 7": "before the phase file's deletion", "flush 8": "after the phase file's deletion",
+          "flush 8 draw 1 lost 2/3": "during the interfaces file's write", "flush 9": "after the interfaces file's write"}
+
+
 def changed(name, version):
     """CYCLE with the state NAME holding VERSION of one file ({path: version})."""
     return [(n, offset, {**f, **version} if n == name else f) for n, offset, f in CYCLE]
@@ -136,7 +144,7 @@ STEPS = [(IFACES, FORM, False), (PHASE, P1, True), (PHASE, P2, True), (STARTER, 
          (PHASE, None, False), (IFACES, FACTORY, True), ("/home/TOV/tovQT", (b"#!/bin/sh\n", 0o755), False)]
 
 
-def replayed_cycle(folder, steps):
+def replayed_cycle(folder, steps, subsets=0):
     """The failures of the judgement of the replayed cycle of STEPS."""
     stage = os.path.join(folder, "stage")
     for path, (content, mode) in ((STARTER, BENCH_STARTER), (IFACES, DHCP)):
@@ -148,7 +156,7 @@ def replayed_cycle(folder, steps):
     image = os.path.join(folder, "nand.img")
     subprocess.run(["truncate", "-s", "4M", image], check=True)
     subprocess.run(["mkfs.ext4", "-q", "-F", "-b", "1024", "-d", stage, image], check=True)
-    first = image + ".first"
+    first = os.path.join(folder, powercut.FIRST_IMAGE)
     subprocess.run(["cp", image, first], check=True)
     entries, marks, length = [], {}, 512
     for number, (path, version, ends) in enumerate(steps):
@@ -175,14 +183,16 @@ def replayed_cycle(folder, steps):
         length += sum(len(e) for e in step)
         if ends:
             marks[len(marks)] = length
-    with open(os.path.join(folder, "log"), "wb") as f:
+    with open(os.path.join(folder, powercut.LOG_FILE), "wb") as f:
         f.write(log_of(entries))
     s0 = files(BENCH_STARTER, None, DHCP)
     end0, end1 = files(BENCH_STARTER, P1, FORM), files(BENCH_STARTER, P2, FORM)
     end2 = handed_over(end1, FACTORY)[0]
-    judge = FlushJudge({0: s0, 1: end0, 2: end1, 3: end2}, {0: end0, 1: end1, 2: end2, 3: end2}, marks)
-    judge_log(Log(os.path.join(folder, "log")), first, folder, judge, 0, 0)
-    return judge.finish()
+    # Judged as a board run's folder is judged again: through what the run keeps.
+    powercut.keep_judgement(folder, {0: s0, 1: end0, 2: end1, 3: end2}, {0: end0, 1: end1, 2: end2, 3: end2},
+                            marks)
+    judge, _ = powercut.judge_run(folder, folder, subsets, 5)
+    return judge.failures
 
 
 def main():
@@ -251,15 +261,24 @@ def main():
     for what, states, starts, ends, words in variants():
         judge = FlushJudge(starts, ends, MARKS)
         for name, offset, left in states:
-            judge.judge(name, offset, left, "clean")
+            judge.judge(name, offset, left, "clean", whole="draw" not in name)
         failures = judge.finish()
         if bool(failures) != bool(words) or words and not any(all(w in f for w in words) for f in failures):
             bad += 1
             print(f"FAIL replayed cycle, {what}: judged {'; '.join(failures) or 'ok'}")
+        if what == "the good cycle":
+            # The states booted: the last before, the first during and the first after each change.
+            chosen = {state[0]: why for state, why in powercut.samples(judge.path)}
+            if set(chosen) != set(SAMPLE) or any(w not in chosen[n] for n, w in SAMPLE.items()):
+                bad += 1
+                print(f"FAIL the sample of the good cycle: {chosen}")
         count += 1
-    # (what, the step changed and its version, words a failure must hold; none expected when empty)
-    for what, change, words in [
+    # (what, the step changed and its version, words a failure must hold; none expected when empty,
+    # drawn states after each flush)
+    for what, change, words, *subsets in [
         ("the good cycle", None, []),
+        # debugfs writes with no journal: a state that lost some of a step's writes is torn.
+        ("the good cycle judged again with states drawn between its flushes", None, ["draw", "lost"], 3),
         ("the factory interfaces file cut short", (5, (IFACES, short(FACTORY, 60), True)),
          ["flush 6", "interfaces cut short"]),
         ("the starter cut after its first line", (3, (STARTER, short(PROD_STARTER, 10), False)),
@@ -271,7 +290,7 @@ def main():
         if change:
             steps[change[0]] = change[1]
         with tempfile.TemporaryDirectory() as folder, contextlib.redirect_stdout(io.StringIO()):
-            failures = replayed_cycle(folder, steps)
+            failures = replayed_cycle(folder, steps, *subsets)
         if bool(failures) != bool(words) or words and not any(all(w in f for w in words) for f in failures):
             bad += 1
             print(f"FAIL replayed image, {what}: judged {'; '.join(failures) or 'ok'}")
