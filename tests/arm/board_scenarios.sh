@@ -6,7 +6,7 @@
 #
 #   tests/arm/board_scenarios.sh OUT
 #
-# Needs both bundles (scripts/arm-bundle armhf, armel). About 40 minutes on two cores.
+# Needs both bundles (scripts/arm-bundle armhf, armel). About 25 minutes on two otherwise idle cores.
 set -uo pipefail
 OUT=$1
 TOP=$(readlink -f "$(dirname "$0")/../..")
@@ -37,7 +37,7 @@ for ((i = 0; i < ${#runs[@]}; i += 2)); do
         read -r arch scenario steps <<<"$run"
         read -r status seconds <"$OUT/$arch-$scenario.status"
         verdict=$([[ $status -eq 0 ]] && echo passed || echo "FAILED (status $status)")
-        printf '%-6s %-14s %-6s %s in %d s\n' "$arch" "$scenario" "$steps" "$verdict" "$seconds"
+        printf '%-6s %-20s %-6s %s in %d s\n' "$arch" "$scenario" "$steps" "$verdict" "$seconds"
         if [[ $status -ne 0 ]]; then
             failed+=("$arch $scenario")
             tail -n 30 "$OUT/$arch-$scenario.log" | sed 's/^/    /'
