@@ -9,22 +9,26 @@ from the same image and the cycle goes on from wherever the unit came back, unti
 
     powercut.py --out DIR --kernel FILE --initrd FILE --disk FILE --cuts N --seed S
     powercut.py --out DIR --kernel FILE --initrd FILE --disk FILE --every-flush [--subsets K] --seed S
+                [--scenario good|reset-phase2]
 
-With --every-flush no power is pulled: one uncut cycle runs with the NAND behind QEMU's write log
-(OUT/nand.log; the image as it began, OUT/nand-start.img), and the log is then replayed
-(logreplay.py): the NAND at every flush, and after each flush at most K states drawn with the seed
-that lose a part of the writes the NAND had not yet been told to keep. Each state is read as after
-a cut (nand.py) and judged as a cut in the stretch its last write fell in, below, without the
-boot; the last state of each stretch must be the files the board read at that stretch's end. Then
-a sample of the states (samples(): around each change of the three files, by what they hold) is
-booted from images of its own and judged with its boot, as a cut is; the last of them that comes
-back in a test phase plays on to the hand-over. The run's folder keeps the log, the image it began
-on and judgement.json, what the judgement needs besides: with --rejudge DIR the log is judged
-again, other drawn states with it, and nothing booted.
+With --every-flush no power is pulled: one uncut cycle (the good one, or the reset-phase2 one: the
+operator resets the bench during phase 2 and stops at the form it brings back) runs with the NAND
+behind QEMU's write log (OUT/nand.log; the image as it began, OUT/nand-start.img), and the log is
+then replayed (logreplay.py): the NAND at every flush, and after each flush at most K states drawn
+with the seed that lose a part of the writes the NAND had not yet been told to keep. Each state is
+read as after a cut (nand.py) and judged as a cut in the stretch its last write fell in, below,
+without the boot; the last state of each stretch must be the files the board read at that
+stretch's end. Then a sample of the states (samples(): around each change of the three files, by
+what they hold) is booted from images of its own and judged with its boot, as a cut is; the last
+of them that comes back short of the hand-over plays on through the good cycle to the hand-over.
+The run's folder keeps the log, the image it began on and judgement.json, what the judgement needs
+besides: with --rejudge DIR the log is judged again, other drawn states with it, and nothing
+booted.
 
     powercut.py --rejudge DIR [--subsets K] --seed S
 
-The cycle's boots, the stretches of time the instants are drawn over:
+The good cycle's boots (Plan GOOD below; RESET for the reset's), the stretches of time the
+instants are drawn over:
   stretch 0  first boot: the network form (the interfaces file), test phase 1, the phase file
   stretch 1  test phase 2, the phase file
   stretch 2  test phase 3, the hand-over: starter, phase file deleted, factory interfaces file
@@ -38,14 +42,15 @@ before its time is made at that reboot.
 Judgement of a cut in stretch S, against the files at the start of the same boot (START) and at the
 end of stretch S as the cycle left them uncut (END: read on the board when it next booted after an
 orderly reboot, or, when no pass of S ended that way, read on the board after the bench had written
-them all; phase 2's END is known before: START with the phase file one phase on; so is the hand-over's: START's starter naming the production application,
-mode 755, no phase file, and the factory interfaces file as the cycle's end showed it). A cut whose
+them all; phase 2's END is known before: START with the phase file one phase on; so is the
+hand-over's: START's starter naming the production application, mode 755, no phase file, and the
+factory interfaces file as the cycle's end showed it; and a reset's: START without its phase file). A cut whose
 START or END was never seen cannot be compared, and fails:
   - the file system needs nothing beyond its journal's replay;
   - the starter, the phase file and the interfaces file each are as at START or as at END, mode
     included (a file the stretch does not change: as at START);
   - together they are as at one instant of the stretch: the stretch changes its files one after
-    the other, each on the NAND before the next (CHANGES below), so the files already changed are
+    the other, each on the NAND before the next (the plan's changes), so the files already changed are
     the first ones of that order;
   - the board's next boot sees the same files as this machine read, and starts what they say:
     the form (no phase file), the test with the phase file's phase, or the production application
@@ -94,10 +99,31 @@ BENCH, PRODUCTION = "tov_test", "tovQT"
 NOMINAL = (85, 74, 85)
 # The handed-over unit's boot, where cuts land only when the cycle ended before them.
 HANDED_OVER = 30
-STRETCHES = ("first boot: form and phase 1", "phase 2", "phase 3 and hand-over", "handed over")
-# The files each stretch changes, in the order the cycle changes them.
-CHANGES = {0: (IFACES, PHASE), 1: (PHASE,), 2: (STARTER, PHASE, IFACES), 3: ()}
 FIRST_TEST_LINE = "Kernel Version"
+
+
+class Plan:
+    """The boots of one logged cycle in order (its stretches): for each, its name, where the unit
+    is when it boots (place_of: 0 the form, 1 or 2 the test after that phase, 3 handed over), the
+    files it changes in the order the cycle changes them, each on the NAND before the next, how
+    its end is known (ENDS below), and whether the operator resets the bench in it."""
+
+    def __init__(self, scenario, stretches):
+        self.scenario = scenario
+        self.names, self.places, self.changes, self.ends, self.resets = zip(*stretches)
+
+    def __len__(self):
+        return len(self.names)
+
+    def boot_stretch(self, stretch, files):
+        """The stretch a boot on FILES, left by an instant of STRETCH, is in: that one, or the next
+        when they already hold its end; None when the unit cannot go on from them there."""
+        place = place_of(files)
+        for s in (stretch, stretch + 1):
+            if s < len(self) and place == self.places[s]:
+                return s
+        return None
+
 
 
 def program_of(files):
@@ -113,8 +139,9 @@ def phase_of(files):
     return int(first) if first.isdigit() else None
 
 
-def stretch_of(files):
-    """The stretch a boot on FILES is in, or None when the unit cannot go on from them."""
+def place_of(files):
+    """Where a boot on FILES is in the good cycle (the form, the test after phase 1 or 2, handed
+    over: 0 to 3), or None when the unit cannot go on from them."""
     program = program_of(files)
     if program == PRODUCTION:
         return 3
@@ -157,10 +184,9 @@ def show(files):
     return ", ".join(parts)
 
 
-def between(start, end, stretch):
-    """The file sets one instant of STRETCH can leave: the files it changes, in their order, the
-    first k as at END and the others as at START."""
-    order = CHANGES[stretch]
+def between(start, end, order):
+    """The file sets one instant of a stretch that changes the files ORDER, in that order, can
+    leave: the first k as at END and the others as at START."""
     states = []
     for k in range(len(order) + 1):
         files = dict(start)
@@ -227,6 +253,48 @@ def hand_over_flaws(files):
     return flaws
 
 
+# How each stretch's end is known: (start, what the board read after the stretch's orderly end or
+# None, the files at the cycle's last boot) -> (files, None) or (None, why it is not known).
+
+def seen_end(start, seen, final):
+    """Only the board shows it: the operator's network settings."""
+    return (seen, None) if seen is not None else (None, "never seen on the board")
+
+
+def passed_end(start, seen, final):
+    files = phase_passed(start)
+    return (files, None) if files else (None, "its start has no phase to go on from")
+
+
+def hand_over_end(start, seen, final):
+    return handed_over(start, final.get(IFACES) if final else None)
+
+
+def reset_end(start, seen, final):
+    """The reset deletes the phase file and changes nothing else."""
+    if not start or start.get(PHASE) is None:
+        return None, "its start has no phase file to delete"
+    return {**start, PHASE: None}, None
+
+
+def unchanged_end(start, seen, final):
+    return (start, None) if start else (None, "its start never seen")
+
+
+GOOD = Plan("good", (
+    ("first boot: form and phase 1", 0, (IFACES, PHASE), seen_end, False),
+    ("phase 2", 1, (PHASE,), passed_end, False),
+    ("phase 3 and hand-over", 2, (STARTER, PHASE, IFACES), hand_over_end, False),
+    ("handed over", 3, (), unchanged_end, False)))
+# The operator resets the bench during phase 2 and stops at the form it brings back, as in the
+# reset-phase2 scenario.
+RESET = Plan("reset-phase2", (
+    ("first boot: form and phase 1", 0, (IFACES, PHASE), seen_end, False),
+    ("phase 2 and its reset", 1, (PHASE,), reset_end, True),
+    ("the form again", 0, (), unchanged_end, False)))
+PLANS = {plan.scenario: plan for plan in (GOOD, RESET)}
+
+
 def flaw(path, left, allowed):
     """What is wrong with LEFT, the version of PATH a state holds, where ALLOWED are those the
     cycle has at that point."""
@@ -248,20 +316,21 @@ def flaw(path, left, allowed):
     return "neither as before nor as after"
 
 
-def judge_files(left, fs, stretch, start, end, seen=None, came_back=None):
+def judge_files(left, fs, stretch, start, end, seen=None, came_back=None, plan=GOOD):
     """The failures of LEFT, the files a state holds ({path: (content, mode) or None}), FS the
-    reading of its file system, at an instant of STRETCH, whose files were START at its start and
-    END at its end. SEEN: the files the next boot saw; CAME_BACK: what it started (what the files
-    start when not booted). A state whose START or END is unknown cannot be compared: it fails."""
+    reading of its file system, at an instant of STRETCH of PLAN, whose files were START at its
+    start and END at its end. SEEN: the files the next boot saw; CAME_BACK: what it started (what
+    the files start when not booted). A state whose START or END is unknown cannot be compared: it
+    fails."""
     problems = []
     if fs not in ("clean", "journal replayed"):
         problems.append(f"file system {fs}")
     for files, what in ((start, "start"), (end, "end")):
         if files is None:
-            problems.append(f"not compared: the {what} of {STRETCHES[stretch]} is unknown")
+            problems.append(f"not compared: the {what} of {plan.names[stretch]} is unknown")
     if start is None or end is None:
         return problems
-    instants = between(start, end, stretch)
+    instants = between(start, end, plan.changes[stretch])
     wrong = False
     for path in FILES:
         allowed = [files[path] for files in instants]
@@ -282,14 +351,15 @@ def judge_files(left, fs, stretch, start, end, seen=None, came_back=None):
 class FlushJudge:
     """The judgement of the states a replay of the NAND's write log gives for one uncut cycle.
 
-    STARTS and ENDS: {stretch: files at its start / end} as the cycle showed them (None or absent
-    when not seen); MARKS: {stretch: the log's length when its orderly end was seen}. A state is
-    judged in the stretch its last entry is in. (One that may have lost writes from before a mark
-    holds the files of that stretch's end, since the orderly end flushes the NAND before the mark:
-    the next stretch's start.) The last state of each stretch must be that stretch's end."""
+    PLAN: the cycle's stretches. STARTS and ENDS: {stretch: files at its start / end} as the cycle
+    showed them (None or absent when not seen); MARKS: {stretch: the log's length when its orderly
+    end was seen}. A state is judged in the stretch its last entry is in. (One that may have lost
+    writes from before a mark holds the files of that stretch's end, since the orderly end flushes
+    the NAND before the mark: the next stretch's start.) The last state of each stretch must be
+    that stretch's end."""
 
-    def __init__(self, starts, ends, marks):
-        self.starts, self.ends, self.marks = starts, ends, marks
+    def __init__(self, starts, ends, marks, plan=GOOD):
+        self.starts, self.ends, self.marks, self.plan = starts, ends, marks, plan
         self.last = {}  # stretch -> (state's name, files) of its last state
         self.judged = 0
         self.counts = {}  # stretch -> states judged in it
@@ -313,9 +383,10 @@ class FlushJudge:
         self.counts[stretch] = self.counts.get(stretch, 0) + 1
         self.last[stretch] = (name, files)
         self.path.append((name, stretch, files, fs, whole))
-        problems = judge_files(files, fs, stretch, self.starts.get(stretch), self.ends.get(stretch))
+        problems = judge_files(files, fs, stretch, self.starts.get(stretch), self.ends.get(stretch),
+                               plan=self.plan)
         for problem in problems:
-            self.failures.append(f"{name} ({STRETCHES[stretch]}): {problem}")
+            self.failures.append(f"{name} ({self.plan.names[stretch]}): {problem}")
         return problems
 
     def unreadable(self, name, offset, why):
@@ -325,19 +396,20 @@ class FlushJudge:
         self.counts[stretch] = self.counts.get(stretch, 0) + 1
         self.last[stretch] = (name, {})
         problem = f"the NAND could not be read: {why}"
-        self.failures.append(f"{name} ({STRETCHES[stretch]}): {problem}")
+        self.failures.append(f"{name} ({self.plan.names[stretch]}): {problem}")
         return [problem]
 
     def finish(self):
         """Each stretch's last state must be its end: a replay that lost writes, or a stretch the
         log never reached, fails here."""
-        for stretch in range(len(STRETCHES)):
+        names = self.plan.names
+        for stretch in range(len(names)):
             end = self.ends.get(stretch)
             if stretch not in self.last:
-                self.failures.append(f"no state of {STRETCHES[stretch]} in the log")
+                self.failures.append(f"no state of {names[stretch]} in the log")
             elif end is not None and key(self.last[stretch][1]) != key(end):
                 name, files = self.last[stretch]
-                self.failures.append(f"{name}, the last state of {STRETCHES[stretch]}, holds {show(files)}, "
+                self.failures.append(f"{name}, the last state of {names[stretch]}, holds {show(files)}, "
                                      f"not its end {show(end)}")
         return self.failures
 
@@ -392,6 +464,13 @@ def change(before, after):
         else:
             words.append("the interfaces file's write" if new is not None else "the interfaces file's deletion")
     return " and ".join(words)
+
+
+def played_on(chosen):
+    """Which of CHOSEN (samples()) plays on to the hand-over: the last that keeps every write
+    before it and comes back short of the hand-over, or None."""
+    to_end = [i for i, ((_, _, files, _, whole), _) in enumerate(chosen) if whole and place_of(files) in (0, 1, 2)]
+    return to_end[-1] if to_end else None
 
 
 def samples(path):
@@ -490,7 +569,7 @@ class Cut:
         self.came_back = None  # what that boot started
 
     def where(self):
-        return f"{STRETCHES[self.made_in]} +{self.at:.1f} s{self.note}"
+        return f"{GOOD.names[self.made_in]} +{self.at:.1f} s{self.note}"
 
 
 def spread(rng, count, first=0):
@@ -509,7 +588,7 @@ def spread(rng, count, first=0):
     return instants
 
 
-def plan(rng, count):
+def plan_cuts(rng, count):
     return [Cut(i + 1, stretch, seconds) for i, (stretch, seconds) in enumerate(spread(rng, count))]
 
 
@@ -559,7 +638,7 @@ class Harness:
         print(f"powercut: FAIL {text}", flush=True)
         self.failures.append(text)
 
-    def wait_reboot(self, board, stretch, seconds=600):
+    def wait_reboot(self, board, plan, stretch, seconds=600):
         """Waits for the orderly reboot (Machine.wait_reboot); meanwhile reads the files about once
         a second, to know the stretch's end should a cut keep it from booting after an orderly
         reboot."""
@@ -571,18 +650,19 @@ class Harness:
                 return
             # Once the files say the next stretch, the last reading before the reboot: the state
             # the board reboots on (the bench replaces its files whole, and all within moments).
-            if stretch_of(files) == stretch + 1:
+            if place_of(files) == plan.places[stretch + 1]:
                 self.polled[stretch] = files
         board.wait_reboot(seconds, meanwhile=look)
 
-    def play(self, folder, stretch, start_files, cut, disk=None, first_only=False):
-        """One life of the board, from QEMU's start to a cut or the hand-over, on DISK (default
-        the run's NAND image). Returns True at the hand-over with no cut left, False after a cut.
-        FIRST_ONLY: ends once the first boot has shown what it started, returning True."""
+    def play(self, folder, plan, stretch, start_files, cut, disk=None, first_only=False):
+        """One life of the board, from QEMU's start in STRETCH of PLAN to a cut or PLAN's last
+        boot, on DISK (default the run's NAND image). Returns True at the last boot with no cut
+        left, False after a cut. FIRST_ONLY: ends once the first boot has shown what it started,
+        returning True."""
         os.makedirs(folder, exist_ok=True)
         board = Machine(self.args.kernel, self.args.initrd, disk or self.args.disk, folder, "/dev/ttySAC1",
                         TAPS, log=self.log)
-        cycle = Cycle(board, folder)
+        cycle = Cycle(board, folder, scenario=plan.scenario)
         cutter = Cutter(board)
         first_boot = True
         try:
@@ -591,7 +671,7 @@ class Harness:
             while True:
                 if cut is not None and not cutter.armed() and cutter.fired is None and cut.stretch <= stretch:
                     if cut.stretch < stretch:
-                        cut.note = f" (drawn in {STRETCHES[cut.stretch]}, which the unit had left)"
+                        cut.note = f" (drawn in {GOOD.names[cut.stretch]}, which the unit had left)"
                     # After a cut the image's files are this boot's start; after an orderly
                     # reboot, what the board reads once up (or the stretch's end before it).
                     cut.made_in, cut.start = stretch, start_files if first_boot else None
@@ -603,23 +683,23 @@ class Harness:
                 came_back, form = observe(board, cycle, files, folder, boot)
                 if first_boot and self.last_cut is not None:
                     self.last_cut.seen, self.last_cut.came_back = files, came_back
-                    if stretch_of(files) != stretch:
+                    if place_of(files) != plan.places[stretch]:
                         # Played on, the cycle would wait for what this boot never does.
                         raise ConsoleError(f"the board came back with {show(files)}, in another stretch than "
                                            f"the image's {show(start_files)}")
                 elif not first_boot:
                     # After an orderly reboot: the stretch's end, uncut.
                     self.end.setdefault(stretch - 1, files)
-                    if stretch_of(files) != stretch:
-                        raise ConsoleError(f"after the orderly end of {STRETCHES[stretch - 1]} the unit "
+                    if place_of(files) != plan.places[stretch]:
+                        raise ConsoleError(f"after the orderly end of {plan.names[stretch - 1]} the unit "
                                            f"came back with {show(files)}")
                 first_boot = False
                 start_files = files
-                print(f"powercut:   boot {boot} in {STRETCHES[stretch]}: {show(files)}; {came_back}",
+                print(f"powercut:   boot {boot} in {plan.names[stretch]}: {show(files)}; {came_back}",
                       flush=True)
                 if first_only:
                     return True
-                if stretch == 3:
+                if stretch == len(plan) - 1:
                     self.final = (files, came_back)
                     if cutter.armed():
                         # A cut still to make after the hand-over: the unit idles until then.
@@ -629,7 +709,9 @@ class Harness:
                     return True
                 if form is not None:
                     cycle.operate_form(form)
-                self.wait_reboot(board, stretch)
+                if plan.resets[stretch]:
+                    cycle.reset_bench(boot)
+                self.wait_reboot(board, plan, stretch)
                 if self.log is not None:
                     # The board says it halted once the NAND is unmounted: the stretch's writes
                     # are all in the log by then, the next boot's not yet.
@@ -685,7 +767,7 @@ class Harness:
             self.fail(str(error))
             return None
         start, _ = read_after_cut(self.args.disk, FILES, self.scratch)
-        if stretch_of(start) != 0:
+        if place_of(start) != 0:
             self.fail(f"the fresh NAND is not at the cycle's start: {show(start)}")
             return None
         return start
@@ -694,9 +776,9 @@ class Harness:
         args = self.args
         seed = args.seed
         rng = random.Random(seed)
-        cuts = plan(rng, args.cuts)
+        cuts = plan_cuts(rng, args.cuts)
         print(f"powercut: {len(cuts)} cuts, seed {seed}, over a cycle of about {sum(NOMINAL)} s "
-              f"({', '.join(f'{STRETCHES[i]} {n} s' for i, n in enumerate(NOMINAL))})", flush=True)
+              f"({', '.join(f'{GOOD.names[i]} {n} s' for i, n in enumerate(NOMINAL))})", flush=True)
         start = self.fresh_start()
         if start is None:
             return 1
@@ -711,7 +793,7 @@ class Harness:
             cut = pending[0] if pending else None
             folder = os.path.join(self.out, f"life{life:02d}")
             try:
-                done = self.play(folder, stretch, start, cut)
+                done = self.play(folder, GOOD, stretch, start, cut)
             except Exception as error:
                 self.fail(f"{error} (logs in {folder})")
                 break
@@ -724,7 +806,7 @@ class Harness:
             print(f"powercut: cut {cut.number}/{len(cuts)} in {cut.where()}: {show(cut.left)}; "
                   f"file system {cut.fs}", flush=True)
             start = cut.left
-            stretch = stretch_of(start)
+            stretch = place_of(start)
             if stretch is None:
                 self.fail(f"cut {cut.number}: the unit cannot boot into the cycle again: {show(start)}")
                 break
@@ -733,7 +815,7 @@ class Harness:
             behind = [c for c in pending if c.stretch < stretch]
             if behind:
                 for c, (s2, seconds) in zip(behind, spread(rng, len(behind), stretch)):
-                    c.note = f" (drawn again: the unit had left {STRETCHES[c.stretch]})"
+                    c.note = f" (drawn again: the unit had left {GOOD.names[c.stretch]})"
                     c.stretch, c.seconds = s2, seconds
                 pending.sort(key=lambda c: (c.stretch, c.seconds))
         minutes = (time.monotonic() - started) / 60
@@ -754,7 +836,7 @@ class Harness:
                   f"{cut.came_back or 'cut again before what it started was seen'}: {verdict}")
         if self.lengths:
             print("powercut: uncut stretches took " + ", ".join(
-                f"{STRETCHES[s]} {n:.0f} s" for s, n in sorted(self.lengths.items())))
+                f"{GOOD.names[s]} {n:.0f} s" for s, n in sorted(self.lengths.items())))
         if finished:
             files, came_back = self.final
             print(f"powercut: the cycle finished: {show(files)}; {came_back}")
@@ -770,11 +852,12 @@ class Harness:
         return 0 if good else 1
 
     def every_flush(self):
-        """One uncut cycle with the NAND's writes logged, then every state the log gives (each
-        flush, and drawn losses of the writes between flushes) read as after a cut and judged,
-        then a sample of them booted."""
+        """One uncut cycle of the scenario asked for with the NAND's writes logged, then every
+        state the log gives (each flush, and drawn losses of the writes between flushes) read as
+        after a cut and judged, then a sample of them booted."""
         args = self.args
-        print(f"powercut: one cycle with the NAND's write log, then every flush replayed "
+        plan = PLANS[args.scenario]
+        print(f"powercut: one {plan.scenario} cycle with the NAND's write log, then every flush replayed "
               f"({args.subsets} drawn states at most after each, seed {args.seed}), then a sample booted",
               flush=True)
         start = self.fresh_start()
@@ -788,7 +871,7 @@ class Harness:
         started = time.monotonic()
         folder = os.path.join(self.out, "life01")
         try:
-            self.play(folder, 0, start, None)
+            self.play(folder, plan, 0, start, None)
         except Exception as error:
             self.fail(f"{error} (logs in {folder})")
             return 1
@@ -797,18 +880,8 @@ class Harness:
         cycle = time.monotonic() - started
         files, came_back = self.final
         print(f"powercut: the cycle finished in {cycle / 60:.1f} min: {show(files)}; {came_back}", flush=True)
-        for flaw_ in hand_over_flaws(files) + ([] if came_back == "production" else
-                                               [f"the unit started '{came_back}'"]):
-            self.fail(f"after the hand-over {flaw_}")
-        ends = {0: self.end.get(0), 1: self.end.get(1)}
-        ends[2], why = handed_over(ends[1], files.get(IFACES))
-        if why:
-            self.fail(f"the hand-over's end is not known: {why}")
-        elif key(files) != key(ends[2]):
-            self.fail(f"after the hand-over the board read {show(files)}, not the known end {show(ends[2])}")
-        ends[3] = ends[2]
-        starts = {0: start, 1: ends[0], 2: ends[1], 3: ends[2]}
-        keep_judgement(self.out, starts, ends, self.marks)
+        starts, ends = self.known_ends(plan, start)
+        keep_judgement(self.out, plan, starts, ends, self.marks)
         replayed = time.monotonic()
         try:
             judge, log = judge_run(self.out, self.scratch, args.subsets, args.seed, keep=self.out)
@@ -817,24 +890,50 @@ class Harness:
             return 1
         judged = time.monotonic() - replayed
         booted = time.monotonic()
-        boots = self.boot_sample(judge, log, ends[2])
+        boots = self.boot_sample(judge, log, ends[len(plan) - 1] if plan.places[-1] == 3 else None)
         failures = len(judge.failures) + len(self.failures)
         print(f"powercut: {log.barriers()} flushes in the cycle, {judge.judged} states judged, {boots} booted, "
               f"{failures} failures; cycle {cycle / 60:.1f} min, replay and judgement {judged / 60:.1f} min, "
               f"boots {(time.monotonic() - booted) / 60:.1f} min, in all {(time.monotonic() - started) / 60:.1f} min")
         good = not failures
-        print(f"powercut: {'PASS' if good else 'FAIL'}: every flush of one cycle (seed {args.seed})")
+        print(f"powercut: {'PASS' if good else 'FAIL'}: every flush of one {plan.scenario} cycle (seed {args.seed})")
         return 0 if good else 1
+
+    def known_ends(self, plan, start):
+        """The files at the start and end of each stretch of the logged cycle of PLAN, that began
+        on START: each end as known before the cycle where it can be, and then held to what the
+        board read after that stretch; the last boot's files must be the last end. Returns
+        (starts, ends), each {stretch: files or None}."""
+        final, came_back = self.final
+        starts, ends = {0: start}, {}
+        for stretch in range(len(plan)):
+            seen = final if stretch == len(plan) - 1 else self.end.get(stretch)
+            ends[stretch], why = plan.ends[stretch](starts[stretch], seen, final)
+            if why:
+                self.fail(f"the end of {plan.names[stretch]} is not known: {why}")
+            elif seen is not None and key(seen) != key(ends[stretch]):
+                self.fail(f"after {plan.names[stretch]} the board read {show(seen)}, not the known end "
+                          f"{show(ends[stretch])}")
+            starts[stretch + 1] = ends[stretch]
+        del starts[len(plan)]
+        flaws = hand_over_flaws(final) if plan.places[-1] == 3 else []
+        wanted = outcome_of(ends[len(plan) - 1]) if ends[len(plan) - 1] else None
+        for flaw_ in flaws + ([] if came_back == wanted else [f"the unit started '{came_back}'"]):
+            self.fail(f"at the cycle's end {flaw_}")
+        return starts, ends
 
     def boot_sample(self, judge, log, end):
         """Boots each state of the sample (samples()) from an image of its own: the board must
         see the files read here and come back where the cycle was at that state. The last of
-        them that comes back in a test phase plays on to the hand-over, which must leave END
-        (what the uncut cycle left). Returns how many states were booted."""
+        them that comes back short of the hand-over plays on through the good cycle to the
+        hand-over, which must leave END (what the uncut cycle left; when None, that state's
+        starter naming the production application beside a factory interfaces file). Returns
+        how many states were booted."""
+        plan = judge.plan
         chosen = samples(judge.path)
-        to_end = [i for i, ((_, _, files, _, whole), _) in enumerate(chosen) if whole and stretch_of(files) in (1, 2)]
-        if not to_end:
-            self.fail("no sampled state comes back in a test phase, to play on to the hand-over from")
+        to_end = played_on(chosen)
+        if to_end is None:
+            self.fail("no sampled state comes back short of the hand-over, to play on to it from")
         print(f"powercut: {len(chosen)} states to boot, chosen around each change of the files: "
               + ", ".join(state[0] for state, _ in chosen), flush=True)
         images = {}
@@ -852,31 +951,36 @@ class Harness:
                 continue
             image = images[name]
             folder = os.path.dirname(image)
-            if stretch_of(files) is None:
+            boot_stretch = plan.boot_stretch(stretch, files)
+            if boot_stretch is None:
                 self.fail(f"{name}: the unit cannot boot into the cycle from {show(files)}")
                 continue
-            whole = bool(to_end) and number == to_end[-1]
-            print(f"powercut: booting {name} ({STRETCHES[stretch]}, {why}): {show(files)}"
+            whole = number == to_end
+            print(f"powercut: booting {name} ({plan.names[stretch]}, {why}): {show(files)}"
                   + (", then on to the hand-over" if whole else ""), flush=True)
             self.final = None
             self.last_cut = seen = types.SimpleNamespace(seen=None, came_back=None)
             booted += 1
             try:
-                self.play(folder, stretch_of(files), files, None, disk=image, first_only=not whole)
+                if whole:
+                    self.play(folder, GOOD, place_of(files), files, None, disk=image)
+                else:
+                    self.play(folder, plan, boot_stretch, files, None, disk=image, first_only=True)
             except Exception as error:
                 self.fail(f"{name}: {error} (logs in {folder})")
                 continue
             finally:
                 self.last_cut = None
             problems = judge_files(files, fs, stretch, judge.starts.get(stretch), judge.ends.get(stretch),
-                                   seen.seen, seen.came_back)
+                                   seen.seen, seen.came_back, plan)
             if whole:
                 left, came_back = self.final
                 problems += [f"after the hand-over {f}" for f in hand_over_flaws(left)]
                 if came_back != "production":
                     problems.append(f"after the hand-over the unit started '{came_back}'")
-                if end is not None and key(left) != key(end):
-                    problems.append(f"the hand-over left {show(left)}, not what the uncut cycle left {show(end)}")
+                expected = end or handed_over(files, left.get(IFACES))[0]
+                if expected is not None and key(left) != key(expected):
+                    problems.append(f"the hand-over left {show(left)}, not {show(expected)}")
             for problem in problems:
                 self.fail(f"{name} booted: {problem} (logs in {folder})")
             if not problems:
@@ -906,10 +1010,12 @@ def json_files(data):
     return {path: None if f is None else (base64.b64decode(f["content"]), f["mode"]) for path, f in data.items()}
 
 
-def keep_judgement(out, starts, ends, marks):
+def keep_judgement(out, plan, starts, ends, marks):
     """Keeps in OUT what the judgement of its log needs besides the log and the image it began
-    on: the files at each stretch's start and end, and where in the log each stretch ended."""
-    data = {"starts": {str(s): files_json(f) for s, f in starts.items()},
+    on: the cycle's scenario, the files at each stretch's start and end, and where in the log each
+    stretch ended."""
+    data = {"scenario": plan.scenario,
+            "starts": {str(s): files_json(f) for s, f in starts.items()},
             "ends": {str(s): files_json(f) for s, f in ends.items()},
             "marks": {str(s): n for s, n in marks.items()}}
     with open(os.path.join(out, KEPT + ".new"), "w") as f:
@@ -924,14 +1030,15 @@ def judge_run(out, scratch, subsets, seed, keep=None):
     try:
         with open(os.path.join(out, KEPT)) as f:
             data = json.load(f)
-    except (OSError, ValueError) as error:
-        raise LogError(f"no judgement kept in {out}: {error}") from None
+        plan = PLANS[data["scenario"]]
+    except (OSError, ValueError, KeyError) as error:
+        raise LogError(f"no judgement kept in {out}: {error!r}") from None
     starts, ends = ({int(s): json_files(f) for s, f in data[part].items()} for part in ("starts", "ends"))
     marks = {int(s): n for s, n in data["marks"].items()}
     log = Log(os.path.join(out, LOG_FILE))
     print(f"powercut: the log: {log.describe()}; stretches end at bytes "
           + ", ".join(f"{marks[s]}" for s in sorted(marks)), flush=True)
-    judge = FlushJudge(starts, ends, marks)
+    judge = FlushJudge(starts, ends, marks, plan)
     if log.stop:
         # QEMU ended in order: its log must be whole.
         judge.failures.append(f"the log of a cycle QEMU ended in order stops early: {log.stop}")
@@ -945,7 +1052,7 @@ def judge_run(out, scratch, subsets, seed, keep=None):
           f"({read} images read), {len(judge.failures)} failures, replay and judgement "
           f"{(time.monotonic() - started) / 60:.1f} min")
     print("powercut: states by stretch: "
-          + ", ".join(f"{STRETCHES[s]} {n}" for s, n in sorted(judge.counts.items())), flush=True)
+          + ", ".join(f"{plan.names[s]} {n}" for s, n in sorted(judge.counts.items())), flush=True)
     return judge, log
 
 
@@ -981,7 +1088,10 @@ def main():
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--every-flush", action="store_true")
     parser.add_argument("--subsets", type=int, default=2)
+    parser.add_argument("--scenario", choices=sorted(PLANS), default=GOOD.scenario)
     args = parser.parse_args()
+    if args.scenario != GOOD.scenario and not args.every_flush:
+        parser.error("the random cuts play the good cycle only")
     harness = Harness(args)
     return harness.every_flush() if args.every_flush else harness.run()
 

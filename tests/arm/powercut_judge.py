@@ -19,7 +19,7 @@ import powercut  # noqa: E402
 from nand import image_path  # noqa: E402
 from log_replay import entry, log_of, runs  # noqa: E402
 from logreplay import FLUSH  # noqa: E402
-from powercut import IFACES, PHASE, STARTER, FlushJudge, handed_over, judge_files  # noqa: E402
+from powercut import GOOD, IFACES, PHASE, RESET, STARTER, FlushJudge, handed_over, judge_files  # noqa: E402
 
 BENCH_STARTER = (b"#!/bin/sh\nTOV_BIN_NAME=tov_test\n. /home/TOV/tov_env\n", 0o755)
 PROD_STARTER = (b"#!/bin/sh\nTOV_BIN_NAME=tovQT\n. /home/TOV/tov_env\n", 0o755)
@@ -101,6 +101,11 @@ CYCLE = [
 ]
 
 
+# The reset cycle's: phase 2's reset deletes the phase file, the form comes back.
+RESET_MARKS = {0: 1000, 1: 2000}
+RESET1 = files(BENCH_STARTER, None, FORM)
+RESET_CYCLE = CYCLE[:5] + [("flush 5", 1900, RESET1), ("flush 6", 2100, RESET1)]
+
 # The good cycle's states to boot, each with a word of why (a drawn state only between two that differ).
 SAMPLE = {"flush 1": "before the interfaces file's write", "flush 2": "before the phase file's write (phase 1)",
           "flush 3": "after the phase file's write (phase 1)", "flush 4": "before the phase file's write (phase 2)",
@@ -109,17 +114,23 @@ SAMPLE = {"flush 1": "before the interfaces file's write", "flush 2": "before th
           "flush 8 draw 1 lost 2/3": "during the interfaces file's write", "flush 9": "after the interfaces file's write"}
 
 
-def changed(name, version):
+def changed(name, version, cycle=CYCLE):
     """CYCLE with the state NAME holding VERSION of one file ({path: version})."""
-    return [(n, offset, {**f, **version} if n == name else f) for n, offset, f in CYCLE]
+    return [(n, offset, {**f, **version} if n == name else f) for n, offset, f in cycle]
 
 
-# (what, states, starts, ends, words each failure must hold, at least one; none expected when empty)
+# (what, states, starts, ends, words each failure must hold, at least one; none expected when empty;
+# the reset cycle's: its plan and marks besides)
 def variants():
     ends = {0: END0, 1: END1, 2: handed_over(END1, FACTORY)[0], 3: END}
     starts = {0: S0, 1: END0, 2: END1, 3: END}
+    reset = (RESET, RESET_MARKS)
+    rstarts, rends = {0: S0, 1: END0, 2: RESET1}, {0: END0, 1: RESET1, 2: RESET1}
     return [
         ("the good cycle", CYCLE, starts, ends, []),
+        ("the reset cycle", RESET_CYCLE, rstarts, rends, [], *reset),
+        ("the reset cycle with phase 2 passed instead", changed("flush 5", {PHASE: P2}, RESET_CYCLE), rstarts, rends,
+         ["flush 5", "phase file neither"], *reset),
         ("the factory interfaces file cut short", changed("flush 9", {IFACES: short(FACTORY, 60)}), starts, ends,
          ["flush 9", "interfaces cut short"]),
         ("the starter cut after its first line", changed("flush 7", {STARTER: short(PROD_STARTER, 10)}), starts, ends,
@@ -189,7 +200,7 @@ def replayed_cycle(folder, steps, subsets=0):
     end0, end1 = files(BENCH_STARTER, P1, FORM), files(BENCH_STARTER, P2, FORM)
     end2 = handed_over(end1, FACTORY)[0]
     # Judged as a board run's folder is judged again: through what the run keeps.
-    powercut.keep_judgement(folder, {0: s0, 1: end0, 2: end1, 3: end2}, {0: end0, 1: end1, 2: end2, 3: end2},
+    powercut.keep_judgement(folder, GOOD, {0: s0, 1: end0, 2: end1, 3: end2}, {0: end0, 1: end1, 2: end2, 3: end2},
                             marks)
     judge, _ = powercut.judge_run(folder, folder, subsets, 5)
     return judge.failures
@@ -251,6 +262,37 @@ def main():
                 print(f"FAIL {what}: judged {'; '.join(problems) or 'ok'}")
         count += 2
 
+        # Each stretch's end as known before a logged cycle, held to what the board read:
+        # (what, plan, ends the board read, the last boot's files and what they started, words).
+        for what, plan, seen, final, words in [
+            ("the good cycle", GOOD, {0: END0, 1: END1, 2: END}, (END, "production"), []),
+            ("phase 2 wrote another server", GOOD, {0: END0, 1: files(BENCH_STARTER, (b"2\n0\n192.0.2.99\n", 0o644),
+                                                                        FORM), 2: END}, (END, "production"),
+             ["after phase 2 the board read"]),
+            ("the reset cycle", RESET, {0: END0, 1: RESET1}, (RESET1, "form"), []),
+            ("a reset that rewrote the interfaces", RESET, {0: END0, 1: files(BENCH_STARTER, None, DHCP)},
+             (files(BENCH_STARTER, None, DHCP), "form"), ["after phase 2 and its reset the board read"]),
+            ("a reset cycle that ends in a test", RESET, {0: END0, 1: RESET1}, (RESET1, "test after phase 1"),
+             ["started 'test after phase 1'"]),
+            ("the form's end never seen", RESET, {1: RESET1}, (RESET1, "form"), ["first boot", "not known"]),
+        ]:
+            harness.failures, harness.end, harness.final = [], dict(seen), final
+            with contextlib.redirect_stdout(io.StringIO()):
+                starts, ends = harness.known_ends(plan, S0)
+            failures = harness.failures
+            if bool(failures) != bool(words) or words and not any(all(w in f for w in words) for f in failures) or \
+                    not words and (ends[len(plan) - 1] != final[0] or starts[1] != END0):
+                bad += 1
+                print(f"FAIL the ends of {what}: {failures}")
+        # The stretch a state's boot is in: (plan, the state's stretch, files, the stretch or None).
+        for plan, stretch, left, wanted in [(RESET, 1, END0, 1), (RESET, 1, RESET1, 2), (GOOD, 1, RESET1, None),
+                                            (GOOD, 2, END, 3), (GOOD, 0, END1, None)]:
+            if plan.boot_stretch(stretch, left) != wanted:
+                bad += 1
+                print(f"FAIL {plan.scenario} stretch {stretch}: {powercut.show(left)} boots in "
+                      f"{plan.boot_stretch(stretch, left)}, not {wanted}")
+        count += 11
+
         for what, left, (stretch, start, end), words in STATES:
             problems = judge_files(left, "clean", stretch, start, end)
             if (words is None) != (not problems) or words and not any(words in p for p in problems):
@@ -258,20 +300,28 @@ def main():
                 print(f"FAIL {what}: judged {'; '.join(problems) or 'ok'}")
         count += len(STATES)
 
-    for what, states, starts, ends, words in variants():
-        judge = FlushJudge(starts, ends, MARKS)
+    for what, states, starts, ends, words, *plan in variants():
+        plan, marks = plan or (GOOD, MARKS)
+        judge = FlushJudge(starts, ends, marks, plan)
         for name, offset, left in states:
             judge.judge(name, offset, left, "clean", whole="draw" not in name)
         failures = judge.finish()
         if bool(failures) != bool(words) or words and not any(all(w in f for w in words) for f in failures):
             bad += 1
             print(f"FAIL replayed cycle, {what}: judged {'; '.join(failures) or 'ok'}")
-        if what == "the good cycle":
-            # The states booted: the last before, the first during and the first after each change.
-            chosen = {state[0]: why for state, why in powercut.samples(judge.path)}
-            if set(chosen) != set(SAMPLE) or any(w not in chosen[n] for n, w in SAMPLE.items()):
+        if what in ("the good cycle", "the reset cycle"):
+            # The states booted: the last before, the first during and the first after each change;
+            # the last short of the hand-over plays on to it.
+            sample = powercut.samples(judge.path)
+            chosen = {state[0]: why for state, why in sample}
+            wanted = SAMPLE if plan is GOOD else {n: SAMPLE[n] for n in ("flush 1", "flush 2", "flush 3")}
+            wanted.update({} if plan is GOOD else {"flush 4": "before the phase file's deletion",
+                                                     "flush 5": "after the phase file's deletion"})
+            on = sample[powercut.played_on(sample)][0][0]
+            if set(chosen) != set(wanted) or any(w not in chosen[n] for n, w in wanted.items()) or \
+                    on != ("flush 6" if plan is GOOD else "flush 5"):
                 bad += 1
-                print(f"FAIL the sample of the good cycle: {chosen}")
+                print(f"FAIL the sample of {what}: {chosen}, {on} played on")
         count += 1
     # (what, the step changed and its version, words a failure must hold; none expected when empty,
     # drawn states after each flush)
