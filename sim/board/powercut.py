@@ -1093,7 +1093,11 @@ def main():
     if args.scenario != GOOD.scenario and not args.every_flush:
         parser.error("the random cuts play the good cycle only")
     harness = Harness(args)
-    return harness.every_flush() if args.every_flush else harness.run()
+    try:
+        return harness.every_flush() if args.every_flush else harness.run()
+    finally:
+        # The images worth a look (failing states, failing boots) are kept in the run's folder.
+        shutil.rmtree(harness.scratch, ignore_errors=True)
 
 
 if __name__ == "__main__":
