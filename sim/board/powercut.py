@@ -58,7 +58,10 @@ START or END was never seen cannot be compared, and fails:
   - the unit comes back where the cycle was at that instant: what START or END, or a state between
     them, starts.
 In the end the cycle must reach the hand-over: the starter names the production application and
-starts it, the phase file is gone.
+starts it, the phase file is gone, and the interfaces file is the factory one, unless a cut after
+the hand-over's switch of the starter and before that file handed the unit over first: then the
+unit keeps the interfaces file it had, as that cut left it (the hand-over's order), and the
+hand-over's end is judged as far as it went.
 """
 import argparse
 import base64
@@ -215,15 +218,15 @@ def phase_passed(start):
     return files
 
 
-def handed_over(start, interfaces):
+def handed_over(start, interfaces, factory=True):
     """The files the hand-over leaves, known before it: the starter of START (the files at the
     start of its stretch) with its program line naming the production application, mode 755, no
-    phase file, and INTERFACES, the factory interfaces file as the cycle showed it at its end.
-    Returns (files, None), or (None, why they cannot be known)."""
+    phase file, and INTERFACES, the factory interfaces file as the cycle showed it at its end (any
+    whole file when not FACTORY). Returns (files, None), or (None, why they cannot be known)."""
     found = start.get(STARTER) if start else None
     if found is None or program_of(start) != BENCH:
         return None, f"the hand-over's stretch starts with {show(start) if start else 'files never seen'}"
-    why = not_factory(interfaces)
+    why = not_factory(interfaces) if factory else None if interfaces else "is missing"
     if why:
         return None, f"the interfaces file at the cycle's end {why}"
     return {STARTER: (starter.naming(found[0], PRODUCTION), 0o755), PHASE: None, IFACES: interfaces}, None
@@ -631,6 +634,7 @@ class Harness:
         self.failures = []
         self.final = None
         self.last_cut = None
+        self.made = []  # the cuts made, in order
         self.log = None  # the NAND's write log, when the cycle runs with one
         self.marks = {}  # stretch -> the log's length when its orderly end was seen
 
@@ -746,11 +750,27 @@ class Harness:
         if stretch == 2:
             # Known before the cycle but for the factory interfaces file's text, seen at its end.
             seen = self.end.get(2) or self.polled.get(2) or (self.final[0] if self.final else None)
-            return handed_over(start, seen.get(IFACES) if seen else None)[0]
+            end, _ = handed_over(start, seen.get(IFACES) if seen else None)
+            if end is None and self.cut_over(seen):
+                # The run never wrote the factory file (a cut after the starter's switch kept it
+                # from it): the hand-over's end as far as it went, a state holding another
+                # interfaces file than the start's then fails.
+                end, _ = handed_over(start, start.get(IFACES) if start else None, factory=False)
+            return end
         if stretch == 1:
             # Known before: a cut just after the phase file's write may come before any reading.
             return self.end.get(1) or self.polled.get(1) or phase_passed(start)
         return self.end.get(stretch) or self.polled.get(stretch)
+
+    def cut_over(self, final):
+        """The cut that left the unit handed over in the middle of the hand-over, when the unit
+        then ended the cycle on FINAL, the files it left, without the factory interfaces file:
+        the hand-over switches the starter first and writes that file last, so that a cut between
+        hands the unit over with the interfaces file it had. None when not so."""
+        for cut in reversed(self.made):
+            if cut.made_in == 2 and place_of(cut.left) == 3 and final is not None and key(final) == key(cut.left):
+                return cut if not_factory(final.get(IFACES)) else None
+        return None
 
     def judge(self, cut):
         """The failures of one cut."""
@@ -802,6 +822,7 @@ class Harness:
                 break
             pending.pop(0)
             self.last_cut = cut
+            self.made.append(cut)
             cut.left, cut.fs = read_after_cut(args.disk, FILES, self.scratch)
             print(f"powercut: cut {cut.number}/{len(cuts)} in {cut.where()}: {show(cut.left)}; "
                   f"file system {cut.fs}", flush=True)
@@ -840,8 +861,12 @@ class Harness:
         if finished:
             files, came_back = self.final
             print(f"powercut: the cycle finished: {show(files)}; {came_back}")
-            for flaw_ in hand_over_flaws(files) + ([] if came_back == "production" else
-                                                   [f"the unit started '{came_back}'"]):
+            over = self.cut_over(files)
+            if over is not None:
+                print(f"powercut: cut {over.number} came after the hand-over's switch of the starter and before "
+                      f"its factory interfaces file: the unit is handed over with the interfaces file it had")
+            flaws = [f for f in hand_over_flaws(files) if over is None or "interfaces" not in f]
+            for flaw_ in flaws + ([] if came_back == "production" else [f"the unit started '{came_back}'"]):
                 self.fail(f"after the hand-over {flaw_}")
         else:
             self.fail("the cycle did not reach the hand-over")

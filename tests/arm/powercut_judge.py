@@ -248,6 +248,27 @@ def main():
                 bad += 1
                 print(f"FAIL {what}, judged ok")
         count += len(CUTS) + 5
+        # A cut between the hand-over's switch of the starter and its factory interfaces file: the
+        # unit comes back handed over and the run never sees that file. (what, the cut left, the
+        # files the cycle ended on, words of the failure or None)
+        harness.end.pop(2, None)
+        for what, left, final, words in [
+            ("after the starter's switch", files(PROD_STARTER, P2, DHCP), None, None),
+            ("after the phase file's deletion", files(PROD_STARTER, None, DHCP), None, None),
+            ("the interfaces cut short there", files(PROD_STARTER, None, short(DHCP, 30)), None, "interfaces cut short"),
+            ("the cycle ended on other files", files(PROD_STARTER, None, DHCP), files(PROD_STARTER, None, FORM),
+             "end of phase 3 and hand-over is unknown"),
+        ]:
+            cut = powercut.Cut(1, 2, 10.0)
+            cut.made_in, cut.start, cut.left, cut.fs = 2, START, left, "clean"
+            cut.seen, cut.came_back = left, "production"
+            harness.made, harness.final = [cut], (final or left, "production")
+            problems = harness.judge(cut)
+            if (words is None) != (not problems) or words and not any(words in p for p in problems):
+                bad += 1
+                print(f"FAIL a cut in the hand-over {what}: judged {'; '.join(problems) or 'ok'}")
+        harness.made, harness.final = [], None
+        count += 4
         # Phase 2's end unseen (the cut came between the phase file's write and its reading): the
         # phase that passes is known before.
         harness.end.pop(1, None)
