@@ -6,10 +6,12 @@ simulated unit, so the test runs itself in one. Then one boot of the board whose
 disk, and whose kernel is made to kill a program for want of memory: each fails the wait that
 sees it, by its type, naming what the board said. On that board, a reboot must be confirmed by the
 guest's orderly end and by QEMU's reset event: an emergency reboot (no orderly end), a halt line
-with no reset and a guest that powers off each fail the wait for it.
+with no reset and a guest that powers off each fail the wait for it. Before all that, a run (or
+power-cut run) given a folder that another run holds stops at once and says so.
 
     tests/arm/board_start.py
 """
+import fcntl
 import os
 import subprocess
 import sys
@@ -63,6 +65,7 @@ def printed(pattern, word):
 
 def main():
     if not os.path.exists("/run/tovsim/server.pid"):
+        held_folder()
         # The board's kernel and initramfs are made out here: the unit has no network.
         kernel, initrd = (subprocess.run([os.path.join(TOP, "sim/board", name)], check=True, text=True,
                                          stdout=subprocess.PIPE).stdout.strip() for name in ("kernel", "initramfs"))
@@ -89,6 +92,23 @@ def main():
                      ended("udhcpd", 1, "nosuch0"))
         failing_board(folder)
     return 1 if failures else 0
+
+
+def held_folder():
+    global failures
+    with tempfile.TemporaryDirectory() as folder:
+        out = os.path.join(folder, "run")
+        with open(out + ".lock", "w") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            for command in (["board", "run"], ["powercut", "--every-flush", "--seed", "1"]):
+                done = subprocess.run([os.path.join(TOP, "sim/board", command[0])] + command[1:] + ["--out", out],
+                                      capture_output=True, text=True, timeout=120)
+                if done.returncode != 2 or f"another run is using {out}" not in done.stderr:
+                    failures += 1
+                    print(f"FAIL sim/board/{command[0]} in a held folder: status {done.returncode}, "
+                          f"{done.stderr.strip()!r}")
+                else:
+                    print(f"ok   sim/board/{command[0]} in a folder another run holds")
 
 
 def failing_board(folder):
