@@ -255,7 +255,8 @@ def main():
         for what, left, final, words in [
             ("after the starter's switch", files(PROD_STARTER, P2, DHCP), None, None),
             ("after the phase file's deletion", files(PROD_STARTER, None, DHCP), None, None),
-            ("the interfaces cut short there", files(PROD_STARTER, None, short(DHCP, 30)), None, "interfaces cut short"),
+            ("the interfaces cut short there", files(PROD_STARTER, None, short(DHCP, 30)), None,
+             "interfaces cut short"),
             ("the cycle ended on other files", files(PROD_STARTER, None, DHCP), files(PROD_STARTER, None, FORM),
              "end of phase 3 and hand-over is unknown"),
         ]:
