@@ -109,7 +109,7 @@ class Plan:
     """The boots of one logged cycle in order (its stretches): for each, its name, where the unit
     is when it boots (place_of: 0 the form, 1 or 2 the test after that phase, 3 handed over), the
     files it changes in the order the cycle changes them, each on the NAND before the next, how
-    its end is known (ENDS below), and whether the operator resets the bench in it."""
+    its end is known (seen_end and the others below), and whether the operator resets the bench in it."""
 
     def __init__(self, scenario, stretches):
         self.scenario = scenario
@@ -126,7 +126,6 @@ class Plan:
             if s < len(self) and place == self.places[s]:
                 return s
         return None
-
 
 
 def program_of(files):
@@ -226,7 +225,10 @@ def handed_over(start, interfaces, factory=True):
     found = start.get(STARTER) if start else None
     if found is None or program_of(start) != BENCH:
         return None, f"the hand-over's stretch starts with {show(start) if start else 'files never seen'}"
-    why = not_factory(interfaces) if factory else None if interfaces else "is missing"
+    if factory:
+        why = not_factory(interfaces)
+    else:
+        why = None if interfaces else "is missing"
     if why:
         return None, f"the interfaces file at the cycle's end {why}"
     return {STARTER: (starter.naming(found[0], PRODUCTION), 0o755), PHASE: None, IFACES: interfaces}, None
